@@ -97,7 +97,7 @@ struct PsahBuildState {
     float* scratch[kScratchArrays];
     PsahChunk nodeChunks;   // child pairs
     PsahChunk indexChunks;  // leaves' triangle-index lists
-    const float** freeRecords[kRecordSizeClasses]; // a free record's first word links the next
+    const float** freeRecords[kRecordSizeClasses];
     PsahChunk recordChunks; // vertex-pointer records
 };
 #if defined(__i386__)
@@ -160,12 +160,17 @@ inline void* takeFromPool(PsahPool* pool, uint32_t bytes) {
     return p;
 }
 
+// A free record's first word links it to the next free record of its size.
+inline const float*** nextFreeRecord(const float** record) {
+    return static_cast<const float***>(static_cast<void*>(record));
+}
+
 // A vertex-pointer record of n pointers: from the free list of its size
 // first, else from the record chunks.
 inline const float** takeVertexRecord(PsahBuildState* state, int n, KelStatus* status) {
     const float** record = state->freeRecords[n];
     if (record) {
-        state->freeRecords[n] = *reinterpret_cast<const float***>(record);
+        state->freeRecords[n] = *nextFreeRecord(record);
         return record;
     }
     return static_cast<const float**>(
@@ -173,7 +178,7 @@ inline const float** takeVertexRecord(PsahBuildState* state, int n, KelStatus* s
 }
 
 inline void releaseVertexRecord(PsahBuildState* state, const float** record, int n) {
-    *reinterpret_cast<const float***>(record) = state->freeRecords[n];
+    *nextFreeRecord(record) = state->freeRecords[n];
     state->freeRecords[n] = record;
 }
 
