@@ -1,1 +1,258 @@
-// Not written yet.
+// Four-ray SSE2 path of the shadow query: segments from one light to the
+// points being lit, any occluder. The lanes repeat the scalar worker's
+// single-precision test operation for operation, so they mark the same rays.
+#include "intersect/packet.h"
+
+namespace {
+
+using kel::packet::laneMask;
+using kel::packet::select;
+
+// Shadow segments run from the light (t = 0) to the lit point (t = 1).
+constexpr float kSegmentEnd = 1.0f;
+
+// Inverse directions as the scalar shadow walk takes them: its side of each
+// split follows the sign even of a component too small to invert.
+void aimSegments(const __m128 direction[3], int lanes, __m128 inverse[3], int towardsLower[3]) {
+    for (int a = 0; a < 3; ++a) {
+        const __m128 r = direction[a];
+        towardsLower[a] = kel::packet::towardsLower(r, lanes);
+        inverse[a] = select(kel::packet::tinyComponents(r), _mm_set1_ps(kel::packet::kZeroInverse),
+                            _mm_div_ps(_mm_set1_ps(1.0f), r));
+    }
+}
+
+// Four shadow segments: each lane stops at the first occluder it finds.
+struct SegmentRays {
+    const TriangleAccel* accel;
+    float origin[3];
+    __m128 direction[3], inverse[3];
+    int towardsLower[3];
+    __m128i id;
+    int occluded;
+
+    __m128 splitDistance(int axis, float split) const {
+        return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[axis]);
+    }
+
+    int testLeaf(const int32_t* triangles, int count, int lanes) {
+        for (int i = 0; i < count; ++i) {
+            const int n = triangles[i];
+            const TriangleAccel& rec = accel[n];
+            const uint32_t axes = rec.axes;
+            if (axes == 0) continue;
+            const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
+            const kel::packet::SharedOriginTerms rel =
+                kel::packet::sharedOriginTerms(rec, k, a, b, origin);
+            const kel::packet::TriangleLanes hit = kel::packet::testTriangle(
+                rec, k, a, b, direction, rel.ou, rel.ov, rel.num, _mm_set1_ps(kel::kTinyComponent));
+            __m128 accept = _mm_and_ps(laneMask(lanes), hit.inside);
+            accept = _mm_and_ps(accept, _mm_cmpgt_ps(hit.t, _mm_setzero_ps()));
+            accept = _mm_and_ps(accept, _mm_cmplt_ps(hit.t, _mm_set1_ps(kSegmentEnd)));
+            const int found = _mm_movemask_ps(accept);
+            if (!found) continue;
+            id = select(accept, _mm_set1_epi32(n), id);
+            occluded |= found;
+            lanes &= ~found;
+            if (!lanes) break;
+        }
+        return lanes;
+    }
+
+    // Nothing beyond the segment's end can occlude it.
+    int finished(__m128 tFar) const {
+        return _mm_movemask_ps(_mm_cmpngt_ps(_mm_set1_ps(kSegmentEnd), tFar));
+    }
+};
+
+// Traces the four segments at the plane pointers whose lane is in `lanes`
+// and whose mask entry is >= 0; an occluded one gets mask -1 and the
+// occluder's number, a clear one id -1.
+KelStatus traceSegmentRow(const float origin[3], const float* const direction[3],
+                          const TriangleAccel* pAccel, const KDTreeNode* pTree, int* pTriangleId,
+                          int* pMask, int lanes) {
+    __m128i* idRow = reinterpret_cast<__m128i*>(pTriangleId);
+    __m128i* maskRow = reinterpret_cast<__m128i*>(pMask);
+    const __m128i mask = _mm_load_si128(maskRow);
+    const int live = lanes & ~_mm_movemask_ps(_mm_castsi128_ps(mask));
+    if (!live) return KEL_STS_OK;
+    SegmentRays rays;
+    rays.accel = pAccel;
+    rays.occluded = 0;
+    rays.id = select(laneMask(live), _mm_set1_epi32(-1), _mm_load_si128(idRow));
+    for (int a = 0; a < 3; ++a) {
+        rays.origin[a] = origin[a];
+        rays.direction[a] = _mm_load_ps(direction[a]);
+    }
+    aimSegments(rays.direction, live, rays.inverse, rays.towardsLower);
+    const KelStatus status = kel::packet::traverse(rays, pTree, _mm_setzero_ps(),
+                                                   _mm_set1_ps(kel::packet::kSegmentReach), live);
+    _mm_store_si128(idRow, rays.id);
+    _mm_store_si128(maskRow, select(laneMask(rays.occluded), _mm_set1_epi32(-1), mask));
+    return status;
+}
+
+// The representative ray's nearest occluder, walked as a packet with one
+// live lane: the walk ends once the current interval reaches the nearest
+// hit so far.
+struct NearestOccluder {
+    const TriangleAccel* accel;
+    float origin[3];
+    __m128 direction[3], inverse[3];
+    int towardsLower[3];
+    __m128 distance;
+    int nearest;
+
+    __m128 splitDistance(int axis, float split) const {
+        return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[axis]);
+    }
+
+    int testLeaf(const int32_t* triangles, int count, int lanes) {
+        const __m128 limit = _mm_set1_ps(kel::kTinyComponent);
+        const __m128 zero = _mm_setzero_ps();
+        for (int i = 0; i < count; ++i) {
+            const int n = triangles[i];
+            const TriangleAccel& rec = accel[n];
+            const uint32_t axes = rec.axes;
+            if (axes == 0 || n == nearest) continue;
+            const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
+            const kel::packet::SharedOriginTerms rel =
+                kel::packet::sharedOriginTerms(rec, k, a, b, origin);
+            // No weight is zeroed here: the signs decide alone.
+            const kel::packet::TriangleLanes hit =
+                kel::packet::testTriangle(rec, k, a, b, direction, rel.ou, rel.ov, rel.num, zero);
+            const __m128 allNonNegative =
+                _mm_and_ps(_mm_and_ps(_mm_cmpge_ps(hit.wA, zero), _mm_cmpge_ps(hit.wB, zero)),
+                           _mm_cmpge_ps(hit.wC, zero));
+            const __m128 allNegative =
+                _mm_and_ps(_mm_and_ps(_mm_cmplt_ps(hit.wA, zero), _mm_cmplt_ps(hit.wB, zero)),
+                           _mm_cmplt_ps(hit.wC, zero));
+            __m128 accept = _mm_and_ps(laneMask(lanes), _mm_or_ps(allNonNegative, allNegative));
+            accept = _mm_and_ps(accept, _mm_cmpnlt_ps(kel::packet::magnitude(hit.denom), limit));
+            accept = _mm_and_ps(accept, _mm_cmpgt_ps(hit.t, zero));
+            accept = _mm_and_ps(accept, _mm_cmplt_ps(hit.t, _mm_sub_ps(distance, limit)));
+            if (!_mm_movemask_ps(accept)) continue;
+            distance = select(accept, hit.t, distance);
+            nearest = n;
+        }
+        return lanes;
+    }
+
+    int finished(__m128 tFar) const { return _mm_movemask_ps(_mm_cmpnlt_ps(tFar, distance)); }
+};
+
+struct SegmentKernels {
+    const float* origin;
+    const float* const* direction;
+    const TriangleAccel* accel;
+    const KDTreeNode* tree;
+    int* id;
+    int* mask;
+    int width;
+
+    int nearestOccluder(int ray) {
+        const float d[3] = {direction[0][ray], direction[1][ray], direction[2][ray]};
+        return ownIntersectNearestOccl(origin, d, accel, tree);
+    }
+    void occluder4x4(int first, int triangle) {
+        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
+        ownIntersectOccluder4x4(origin, d, accel, triangle, id + first, mask + first, width);
+    }
+    void trace4x2(int first) {
+        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
+        ownIntersectAnyBlock4x2(origin, d, accel, tree, id + first, mask + first, width);
+    }
+    // The row is traced on a copy; only the lanes of this octant are merged
+    // back, so the row's other lanes keep what their own octant's call left.
+    void trace4x1(int first, int lanes) {
+        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
+        alignas(16) int rowId[4], rowMask[4];
+        const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(id + first));
+        const __m128i masks = _mm_load_si128(reinterpret_cast<const __m128i*>(mask + first));
+        _mm_store_si128(reinterpret_cast<__m128i*>(rowId), ids);
+        _mm_store_si128(reinterpret_cast<__m128i*>(rowMask), masks);
+        ownIntersectAnyBlock4x1(origin, d, accel, tree, rowId, rowMask, lanes);
+        const __m128 merge = laneMask(lanes);
+        _mm_store_si128(reinterpret_cast<__m128i*>(id + first),
+                        select(merge, _mm_load_si128(reinterpret_cast<__m128i*>(rowId)), ids));
+        _mm_store_si128(reinterpret_cast<__m128i*>(mask + first),
+                        select(merge, _mm_load_si128(reinterpret_cast<__m128i*>(rowMask)), masks));
+    }
+};
+
+}  // namespace
+
+extern "C" {
+
+KEL_API int ownIntersectNearestOccl(const float origin[3], const float direction[3],
+                                    const TriangleAccel* pAccel, const KDTreeNode* pTree) {
+    NearestOccluder ray;
+    ray.accel = pAccel;
+    ray.distance = _mm_set1_ps(kSegmentEnd);
+    ray.nearest = -1;
+    for (int a = 0; a < 3; ++a) {
+        ray.origin[a] = origin[a];
+        const float r = direction[a];
+        ray.direction[a] = _mm_set1_ps(r);
+        // A NaN component counts as pointing towards lower coordinates.
+        ray.towardsLower[a] = !(r >= 0.0f);
+        ray.inverse[a] = _mm_set1_ps(
+            __builtin_fabsf(r) <= kel::kTinyComponent ? kel::packet::kZeroInverse : 1.0f / r);
+    }
+    kel::packet::traverse(ray, pTree, _mm_setzero_ps(), _mm_set1_ps(kel::packet::kSegmentReach), 1);
+    return ray.nearest;
+}
+
+KEL_API void ownIntersectOccluder4x4(const float origin[3], const float* const direction[3],
+                                     const TriangleAccel* pAccel, int triangle, int* pTriangleId,
+                                     int* pMask, int width) {
+    const TriangleAccel& rec = pAccel[triangle];
+    const uint32_t axes = rec.axes;
+    if (axes == 0) return;
+    const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
+    const kel::packet::SharedOriginTerms rel = kel::packet::sharedOriginTerms(rec, k, a, b, origin);
+    for (int row = 0; row < 4; ++row) {
+        const int first = row * width;
+        __m128i* maskRow = reinterpret_cast<__m128i*>(pMask + first);
+        __m128i* idRow = reinterpret_cast<__m128i*>(pTriangleId + first);
+        const __m128i mask = _mm_load_si128(maskRow);
+        const __m128 traced = _mm_castsi128_ps(_mm_cmpgt_epi32(mask, _mm_set1_epi32(-1)));
+        if (!_mm_movemask_ps(traced)) continue;
+        const __m128 d[3] = {_mm_load_ps(direction[0] + first), _mm_load_ps(direction[1] + first),
+                             _mm_load_ps(direction[2] + first)};
+        const kel::packet::TriangleLanes hit = kel::packet::testTriangle(
+            rec, k, a, b, d, rel.ou, rel.ov, rel.num, _mm_set1_ps(kel::kTinyComponent));
+        __m128 accept = _mm_and_ps(traced, hit.inside);
+        accept = _mm_and_ps(accept, _mm_cmpgt_ps(hit.t, _mm_setzero_ps()));
+        accept = _mm_and_ps(accept, _mm_cmplt_ps(hit.t, _mm_set1_ps(kSegmentEnd)));
+        if (!_mm_movemask_ps(accept)) continue;
+        _mm_store_si128(maskRow, select(accept, _mm_set1_epi32(-1), mask));
+        _mm_store_si128(idRow, select(accept, _mm_set1_epi32(triangle), _mm_load_si128(idRow)));
+    }
+}
+
+KEL_API KelStatus ownIntersectAnyBlock4x1(const float origin[3], const float* const direction[3],
+                                          const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                          int* pTriangleId, int* pMask, int lanes) {
+    return traceSegmentRow(origin, direction, pAccel, pTree, pTriangleId, pMask, lanes);
+}
+
+KEL_API KelStatus ownIntersectAnyBlock4x2(const float origin[3], const float* const direction[3],
+                                          const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                          int* pTriangleId, int* pMask, int width) {
+    const KelStatus first = traceSegmentRow(origin, direction, pAccel, pTree, pTriangleId, pMask,
+                                            kel::packet::kAllLanes);
+    const float* d[3] = {direction[0] + width, direction[1] + width, direction[2] + width};
+    const KelStatus second = traceSegmentRow(origin, d, pAccel, pTree, pTriangleId + width,
+                                             pMask + width, kel::packet::kAllLanes);
+    return first != KEL_STS_OK ? first : second;
+}
+
+KEL_API KelStatus ownIntersectAnyBlock4_w7(const float origin[3], const float* const direction[3],
+                                           const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                           int* pTriangleId, int* pMask, int width, int height) {
+    SegmentKernels kernels{origin, direction, pAccel, pTree, pTriangleId, pMask, width};
+    return kel::packet::traceShadowTiles(kernels, direction, pTriangleId, pMask, width, height);
+}
+
+}  // extern "C"
