@@ -1,0 +1,296 @@
+// The PSAH driver up to the hand-over to the optimisation: budget refusal,
+// the patches it makes (clipping, masks, vertex records), the build box, and
+// its clean-up on every failure. The optimisation is replaced by a probe that
+// records what it is handed and keeps the root as one leaf, so these cases
+// hold whatever tree the real optimisation would grow.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <vector>
+
+#include "alloc_count.h"
+#include "kdtree/psah.h"
+#include "mesh.h"
+#include "tree_check.h"
+
+namespace {
+
+struct SeenPatch {
+    int triangle;
+    int corners;
+    uint32_t mask;
+    std::vector<std::array<float, 3>> points;
+    std::vector<const float*> addresses;
+};
+
+struct Probe {
+    bool called = false;
+    std::vector<SeenPatch> patches;
+    float box[6] = {};
+    KelStatus answer = KEL_STS_OK;  // what the probe returns
+} probe;
+
+}  // namespace
+
+// Stands in for the library's optimisation (this program links the static
+// archive, so its definition is taken instead).
+extern "C" KelStatus ownOptimizationPSAH(kel::PsahBuildState* state, kel::PsahBuildNode* root,
+                                         float, int, const float* rootBox) {
+    probe.called = true;
+    std::memcpy(probe.box, rootBox, sizeof probe.box);
+    for (int k = 0; k < root->count; ++k) {
+        const kel::PsahPatch& p = root->patches[k];
+        SeenPatch seen{kel::patchTriangle(p), kel::patchVertexCount(p), p.mask, {}, {}};
+        for (int c = 0; c < seen.corners; ++c) {
+            seen.points.push_back({p.vertices[c][0], p.vertices[c][1], p.vertices[c][2]});
+            seen.addresses.push_back(p.vertices[c]);
+        }
+        probe.patches.push_back(seen);
+    }
+    // Hold an index list either way, so a failure leaves chunks to release.
+    KelStatus status = KEL_STS_OK;
+    auto* list = static_cast<int32_t*>(
+        kel::takeFromChunks(state, &state->indexChunks, uint32_t(4 * root->count), &status));
+    if (!list) return status;
+    if (probe.answer != KEL_STS_OK) return probe.answer;
+    for (int k = 0; k < root->count; ++k) list[k] = kel::patchTriangle(root->patches[k]);
+    root->triangles = list;
+    return KEL_STS_OK;
+}
+
+namespace {
+
+constexpr uint32_t kMiB = 1u << 20;
+
+// The budget below which a build is refused, from the real record sizes.
+uint32_t fixedNeed(int vertexCount, int triangleCount) {
+    return 12 * uint32_t(vertexCount) +
+           (48 + 3 * uint32_t(sizeof(kel::PsahPatch))) * uint32_t(triangleCount) + (32u << 20) +
+           uint32_t(sizeof(kel::PsahBuildState)) + 2 * uint32_t(sizeof(kel::PsahChunk));
+}
+
+struct Build {
+    KelStatus status;
+    KDTreeNode* tree = nullptr;
+    int size = -1;
+};
+
+Build build(const kelt::Mesh& mesh, const float* clipBox, uint32_t budget = 128 * kMiB) {
+    probe = Probe();
+    Build b;
+    b.status = ownKDTBldPSAH_ML(mesh.vertices.data(), mesh.triangles.data(), mesh.vertexCount(),
+                                mesh.triangleCount(), &b.tree, &b.size, 0.5f, 20, budget, clipBox);
+    return b;
+}
+
+uint32_t maskField(uint32_t mask, int shift) {
+    return (mask >> shift) & 31;
+}
+
+const float kUnitBox[6] = {0, 0, 0, 1, 1, 1};
+
+TEST(PsahPatches, WholeTrianglesReferenceTheMeshAndNameTheLowestExtremeVertex) {
+    kelt::Mesh mesh;
+    // Triangle 0 ties on min x (corners 0, 1), min y (0, 2) and on all of z.
+    mesh.addVertex(0, 0, 2);
+    mesh.addVertex(0, 1, 2);
+    mesh.addVertex(1, 0, 2);
+    // Triangle 1 ties on min x between corners 1 and 2 only.
+    mesh.addVertex(1, 5, 0);
+    mesh.addVertex(-3, 4, 1);
+    mesh.addVertex(-3, 6, -1);
+    mesh.addVertex(7, -2, 9);  // used by no triangle, still widens the build box
+    mesh.addTriangle(0, 1, 2);
+    mesh.addTriangle(3, 4, 5);
+    kelt::AllocationCount count;
+    Build b = build(mesh, nullptr);
+    ASSERT_EQ(KEL_STS_OK, b.status);
+    ASSERT_TRUE(probe.called);
+    const float box[6] = {-3, -2, -1, 7, 6, 9};
+    EXPECT_EQ(0, std::memcmp(box, probe.box, sizeof box));
+
+    ASSERT_EQ(2u, probe.patches.size());
+    const SeenPatch& p0 = probe.patches[0];
+    EXPECT_EQ(0, p0.triangle);
+    EXPECT_EQ(3, p0.corners);
+    // max x 2, max y 1, max z 0 | min x 0, min y 0, min z 0
+    EXPECT_EQ(2u | 1u << 5, p0.mask);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_EQ(mesh.vertices.data() + 3 * mesh.triangles[size_t(c)], p0.addresses[size_t(c)]);
+    const SeenPatch& p1 = probe.patches[1];
+    EXPECT_EQ(1, p1.triangle);
+    EXPECT_EQ(1u, maskField(p1.mask, 15));  // min x: corners 1 and 2 tie
+    EXPECT_EQ(0u, maskField(p1.mask, 0));   // max x
+    EXPECT_EQ(1u, maskField(p1.mask, 20));  // min y
+    EXPECT_EQ(2u, maskField(p1.mask, 5));   // max y
+    EXPECT_EQ(2u, maskField(p1.mask, 25));  // min z
+    EXPECT_EQ(1u, maskField(p1.mask, 10));  // max z
+
+    // The probe keeps the root one leaf: the patches' triangles in order.
+    kelt::TreeSummary summary;
+    ASSERT_EQ("", kelt::checkTree(b.tree, b.size, 2, &summary));
+    EXPECT_EQ(24, b.size);
+    kelrKDTreeFree(b.tree);
+    EXPECT_EQ(0, count.liveBlocks());
+}
+
+TEST(PsahPatches, ClippingEmitsCornersAndCrossingsInEdgeOrder) {
+    kelt::Mesh mesh;
+    mesh.addVertex(-1, 0.25f, 0.5f);
+    mesh.addVertex(2, 0.25f, 0.5f);
+    mesh.addVertex(0.5f, 0.75f, 0.5f);
+    mesh.addTriangle(0, 1, 2);
+    Build b = build(mesh, kUnitBox);
+    ASSERT_EQ(KEL_STS_OK, b.status);
+    EXPECT_EQ(0, std::memcmp(kUnitBox, probe.box, sizeof kUnitBox));
+    ASSERT_EQ(1u, probe.patches.size());
+    const SeenPatch& p = probe.patches[0];
+    // Edge 0-1 rises through x = 0 then x = 1; edge 1-2 falls through x = 1;
+    // corner 2 is inside; edge 2-0 falls through x = 0. The crossings are
+    // interpolated in double and rounded once; y and z cut nothing.
+    const float y12 = float(0.25 + (-1.0 / -1.5) * (0.75 - 0.25));
+    const float y20 = float(0.75 + (-0.5 / -1.5) * (0.25 - 0.75));
+    const std::vector<std::array<float, 3>> expected = {
+        {0, 0.25f, 0.5f}, {1, 0.25f, 0.5f}, {1, y12, 0.5f}, {0.5f, 0.75f, 0.5f}, {0, y20, 0.5f}};
+    ASSERT_EQ(5, p.corners);
+    EXPECT_EQ(expected, p.points);
+    // Only the surviving mesh corner is referenced in place.
+    EXPECT_EQ(mesh.vertices.data() + 6, p.addresses[3]);
+    for (int c : {0, 1, 2, 4}) {
+        EXPECT_FALSE(p.addresses[size_t(c)] >= mesh.vertices.data() &&
+                     p.addresses[size_t(c)] < mesh.vertices.data() + 9);
+    }
+    // Ties on the cut points name the lower index: min x 0 (0, 4 tie),
+    // max x 1 (1, 2 tie), min y 0 (0, 1 tie), max y 3, z all equal.
+    EXPECT_EQ(1u | 3u << 5, p.mask);
+    kelrKDTreeFree(b.tree);
+}
+
+TEST(PsahPatches, ClippingKeepsFacesDropsOutsidersAndCutsCornersToNineVertices) {
+    kelt::Mesh mesh;
+    auto add = [&mesh](std::array<float, 3> a, std::array<float, 3> b, std::array<float, 3> c) {
+        const int base = mesh.vertexCount();
+        for (auto& v : {a, b, c}) mesh.addVertex(v[0], v[1], v[2]);
+        mesh.addTriangle(base, base + 1, base + 2);
+    };
+    add({2, 2, 2}, {3, 2, 2}, {2, 3, 2});              // 0: outside
+    add({0, 0, 1}, {1, 0, 1}, {0, 1, 1});              // 1: on the face z = 1
+    add({1.25f, 0.5f, -0.25f}, {0.5f, -0.25f, 1.25f},  // 2: in x + y + z = 1.5,
+        {-0.25f, 1.25f, 0.5f});                        //    round the cube's corners
+    add({-1, -1, 1.0000001f}, {2, -1, 1.0000001f}, {-1, 2, 1.0000001f});       // 3: just above
+    add({0.25f, 0.25f, 0.25f}, {0.75f, 0.25f, 0.25f}, {0.25f, 0.75f, 0.75f});  // 4: inside
+
+    Build b = build(mesh, kUnitBox);
+    ASSERT_EQ(KEL_STS_OK, b.status);
+    ASSERT_EQ(3u, probe.patches.size());
+    EXPECT_EQ(1, probe.patches[0].triangle);
+    EXPECT_EQ(3, probe.patches[0].corners);
+    EXPECT_EQ(mesh.vertices.data() + 9, probe.patches[0].addresses[0]);
+
+    const SeenPatch& corner = probe.patches[1];
+    EXPECT_EQ(2, corner.triangle);
+    // Each edge of the triangle cuts off one corner of the hexagon in which
+    // the plane meets the cube.
+    ASSERT_EQ(9, corner.corners);
+    for (const auto& v : corner.points) {
+        for (float c : v) {
+            EXPECT_GE(c, 0.0f);
+            EXPECT_LE(c, 1.0f);
+        }
+        EXPECT_NEAR(1.5, double(v[0]) + v[1] + v[2], 1e-6);
+    }
+    EXPECT_EQ(4, probe.patches[2].triangle);
+    kelt::TreeSummary summary;
+    ASSERT_EQ("", kelt::checkTree(b.tree, b.size, mesh.triangleCount(), &summary));
+    ASSERT_EQ(1u, summary.leaves.size());
+    EXPECT_EQ((std::vector<int32_t>{1, 2, 4}),
+              std::vector<int32_t>(summary.leaves[0].list, summary.leaves[0].list + 3));
+    kelrKDTreeFree(b.tree);
+}
+
+TEST(PsahPatches, EmptyInputsGiveTheEmptyTreeWithoutOptimising) {
+    kelt::Mesh mesh;
+    mesh.addVertex(5, 5, 5);
+    mesh.addVertex(6, 5, 5);
+    mesh.addVertex(5, 6, 5);
+    mesh.addTriangle(0, 1, 2);
+    for (bool excluded : {true, false}) {
+        kelt::AllocationCount count;
+        // No triangles at all, or none inside the clip box.
+        kelt::Mesh input = mesh;
+        if (!excluded) input.triangles.clear();
+        Build b = build(input, excluded ? kUnitBox : nullptr, 64 * kMiB);
+        ASSERT_EQ(KEL_STS_OK, b.status);
+        EXPECT_FALSE(probe.called);
+        ASSERT_EQ(16, b.size);
+        EXPECT_EQ(-16, b.tree[0].link);
+        EXPECT_EQ(0, b.tree[0].data.count);
+        kelrKDTreeFree(b.tree);
+        EXPECT_EQ(0, count.liveBlocks());
+    }
+}
+
+TEST(PsahPatches, BudgetIsRefusedBelowTheFixedNeedAndOverflowReleasesEverything) {
+    kelt::Mesh mesh;
+    mesh.addVertex(0, 0, 0);
+    mesh.addVertex(1, 0, 0);
+    mesh.addVertex(0, 1, 0);
+    mesh.addTriangle(0, 1, 2);
+    const uint32_t need = fixedNeed(3, 1);
+#if defined(__i386__)
+    EXPECT_EQ(12u * 3 + 84 + 0x20000F4u, need);
+#endif
+    const uint32_t chunk = kel::kChunkCost;
+    {
+        kelt::AllocationCount count;
+        EXPECT_EQ(KEL_STS_NO_MEM, build(mesh, nullptr, 32 * kMiB).status);
+        EXPECT_EQ(KEL_STS_NO_MEM, build(mesh, nullptr, need - 1).status);
+        EXPECT_EQ(0, count.peakBytes());  // refused before anything is taken
+    }
+    // Just the fixed need: the first vertex-pointer record cannot get a
+    // chunk. One chunk more: the root node cannot. Two more: the probe's
+    // index list cannot. Three: the build goes through.
+    const struct {
+        uint32_t budget;
+        const float* box;
+        KelStatus expected;
+    } cases[] = {{need, nullptr, KEL_STS_OVERFLOW},
+                 {need, kUnitBox, KEL_STS_OVERFLOW},
+                 {need + chunk, nullptr, KEL_STS_OVERFLOW},
+                 {need + 2 * chunk, kUnitBox, KEL_STS_OVERFLOW},
+                 {need + 3 * chunk, nullptr, KEL_STS_OK}};
+    for (const auto& c : cases) {
+        kelt::AllocationCount count;
+        Build b = build(mesh, c.box, c.budget);
+        EXPECT_EQ(c.expected, b.status) << "budget " << c.budget;
+        EXPECT_EQ(c.expected == KEL_STS_OK, b.size > 0);
+        kelrKDTreeFree(b.tree);
+        EXPECT_EQ(0, count.liveBlocks()) << "budget " << c.budget;
+    }
+}
+
+TEST(PsahPatches, AFailingOptimisationIsReturnedAfterTheFullCleanUp) {
+    kelt::Mesh mesh;
+    for (int i = 0; i < 50; ++i) {
+        const int v = mesh.addVertex(float(i), 0, 0);
+        mesh.addVertex(float(i), 1, 0);
+        mesh.addVertex(float(i), 0, 1);
+        mesh.addTriangle(v, v + 1, v + 2);
+    }
+    for (KelStatus failure : {KelStatus(KEL_STS_INTERNAL), KelStatus(KEL_STS_OVERFLOW)}) {
+        kelt::AllocationCount count;
+        probe = Probe();
+        probe.answer = failure;
+        KDTreeNode* tree = nullptr;
+        int size = -1;
+        EXPECT_EQ(failure, ownKDTBldPSAH_ML(mesh.vertices.data(), mesh.triangles.data(),
+                                            mesh.vertexCount(), mesh.triangleCount(), &tree, &size,
+                                            0.5f, 20, 128 * kMiB, kUnitBox));
+        EXPECT_EQ(nullptr, tree);
+        EXPECT_EQ(-1, size);
+        EXPECT_EQ(0, count.liveBlocks());
+    }
+}
+
+}  // namespace
