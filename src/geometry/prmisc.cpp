@@ -249,6 +249,9 @@ extern "C" KEL_API KelStatus kelrSurfFlatNormal_32f(const float* pTriangleNormal
                                                     const int* pHitTriangle, float* const normal[3],
                                                     int count) {
     if (!pTriangleNormals || !pHitTriangle) return KEL_STS_NULL_PTR;
+    // The output triple is not checked, so it is not looked at when there
+    // is nothing to write.
+    if (count < 1) return KEL_STS_OK;
     if (wholeGroups(count) && allAligned(pTriangleNormals, pHitTriangle, normal))
         return ownSurfFlatNormal_32f(pTriangleNormals, pHitTriangle, normal, count);
     return forEachRay(
