@@ -2,7 +2,7 @@
 # Installs what the build needs on Debian 12, or, when not root, prints the
 # exact command and stops. Usage: deps.sh test|demo
 set -eu
-need="cmake make g++ g++-multilib googletest binutils"
+need="cmake make g++ g++-multilib googletest binutils pkgconf"
 if [ "${1:-test}" = demo ]; then
   need="$need libpng-dev libtinyobjloader-dev"
 fi
