@@ -1,0 +1,271 @@
+// Edge cases of the ray-scene queries on small hand-made scenes and trees:
+// what rays that miss keep, the distance limits, the box tests that differ
+// between the queries, the segment ends of shadow rays, traversal order,
+// early termination and the traversal stack limit.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <vector>
+
+#include "kelr.h"
+#include "packed_tree.h"
+#include "scene.h"
+
+namespace {
+
+using kelt::PackedTree;
+using kelt::TestScene;
+using kelt::TreeNode;
+using V3 = std::array<float, 3>;
+
+constexpr float kFar = 3.4028235e38f;
+constexpr float kUnset = -7.5f;
+
+// A triangle in the plane x = at covering y, z in [lo, hi] (and more).
+void addWall(TestScene* s, float at, float lo = 0.0f, float hi = 1.0f) {
+    const float span = hi - lo;
+    const float a[3] = {at, lo, lo}, b[3] = {at, lo + 2 * span, lo}, c[3] = {at, lo, lo + 2 * span};
+    s->addTriangle(a, b, c);
+}
+
+struct Result {
+    KelStatus status;
+    std::vector<int> id, mask;
+    std::vector<float> t, u, v;
+};
+
+// Nearest hits for the given rays; origins.size() == 1 runs the eye query.
+Result nearest(const TestScene& s, const float* box, const KDTreeNode* tree,
+               const std::vector<V3>& origins, const std::vector<V3>& dirs,
+               const std::vector<float>& distances) {
+    const int n = int(dirs.size());
+    Result r{0,         std::vector<int>(n, 99),       {},
+             distances, std::vector<float>(n, kUnset), std::vector<float>(n, kUnset)};
+    std::vector<float> o[3], d[3];
+    for (int a = 0; a < 3; ++a)
+        for (int i = 0; i < n; ++i) {
+            o[a].push_back(origins[origins.size() == 1 ? 0 : i][a]);
+            d[a].push_back(dirs[i][a]);
+        }
+    const float* op[3] = {o[0].data(), o[1].data(), o[2].data()};
+    const float* dp[3] = {d[0].data(), d[1].data(), d[2].data()};
+    float* hit[2] = {r.u.data(), r.v.data()};
+    const IntersectContext ctx{box, s.accel.data(), tree};
+    r.status = origins.size() == 1
+                   ? kelrIntersectEyeSO_32f(origins[0].data(), dp, r.t.data(), hit, r.id.data(),
+                                            &ctx, n, 1)
+                   : kelrIntersectMO_32f(op, dp, r.t.data(), hit, r.id.data(), &ctx, n, 1);
+    return r;
+}
+
+// Shadow segments from the light; the context's box is null, since the
+// query must not read it.
+Result occluded(const TestScene& s, const KDTreeNode* tree, const V3& light,
+                const std::vector<V3>& dirs, const std::vector<int>& masks) {
+    const int n = int(dirs.size());
+    Result r{0, std::vector<int>(n, 99), masks, {}, {}, {}};
+    std::vector<float> d[3];
+    for (int a = 0; a < 3; ++a)
+        for (const V3& dir : dirs) d[a].push_back(dir[a]);
+    const float* dp[3] = {d[0].data(), d[1].data(), d[2].data()};
+    const IntersectContext ctx{nullptr, s.accel.data(), tree};
+    r.status = kelrIntersectAnySO_32f(light.data(), dp, r.id.data(), r.mask.data(), n, 1, &ctx);
+    return r;
+}
+
+TEST(IntersectEdges, MissesKeepTheirInputsAndZeroDistanceNeverHits) {
+    TestScene s;
+    addWall(&s, 0.5f);
+    s.finish();
+    const PackedTree tree(*kelt::singleLeaf(1));
+    // toward the wall; away from it; distance 0; zero direction; too short
+    const std::vector<V3> dirs = {{1, 0, 0}, {-1, 0, 0}, {1, 0, 0}, {0, 0, 0}, {1, 0, 0}};
+    const std::vector<float> dist = {kFar, 7.0f, 0.0f, 7.0f, 0.4f};
+    for (bool eye : {true, false}) {
+        SCOPED_TRACE(eye ? "eye" : "multiple origins");
+        const std::vector<V3> origins(eye ? 1 : dirs.size(), V3{0.0f, 0.3f, 0.4f});
+        const Result r = nearest(s, s.box, tree.root(), origins, dirs, dist);
+        EXPECT_EQ(KEL_STS_OK, r.status);
+        EXPECT_EQ(0, r.id[0]);
+        EXPECT_EQ(0.5f, r.t[0]);
+        // corners (0.5, 0, 0), (0.5, 2, 0), (0.5, 0, 2); the hit is (0.5, 0.3, 0.4)
+        EXPECT_FLOAT_EQ(0.65f, r.u[0]);
+        EXPECT_FLOAT_EQ(0.15f, r.v[0]);
+        for (int i = 1; i < 5; ++i) {
+            EXPECT_EQ(-1, r.id[i]) << "ray " << i;
+            EXPECT_EQ(dist[i], r.t[i]) << "ray " << i;
+            EXPECT_EQ(kUnset, r.u[i]);
+            EXPECT_EQ(kUnset, r.v[i]);
+        }
+    }
+}
+
+// The eye query does not test the slab of an axis along which a ray does
+// not move; rays from many origins must start strictly inside it; shadow
+// segments ignore the box altogether.
+TEST(IntersectEdges, SlabsOfZeroDirectionComponents) {
+    TestScene s;
+    addWall(&s, 0.5f, -1.0f, 2.0f);
+    s.finish();
+    const float unitBox[6] = {0, 0, 0, 1, 1, 1};
+    const PackedTree tree(*kelt::singleLeaf(1));
+    const V3 aboveBox = {-1.0f, 1.5f, 0.5f}, onMinY = {-1.0f, 0.0f, 0.5f},
+             insideY = {-1.0f, 0.25f, 0.5f};
+    EXPECT_EQ(0, nearest(s, unitBox, tree.root(), {aboveBox}, {{1, 0, 0}}, {kFar}).id[0]);
+    const Result mo = nearest(s, unitBox, tree.root(), {aboveBox, onMinY, insideY},
+                              {{1, 0, 0}, {1, 0, 0}, {1, 0, 0}}, {kFar, kFar, kFar});
+    EXPECT_EQ((std::vector<int>{-1, -1, 0}), mo.id);
+    EXPECT_EQ(1.5f, mo.t[2]);
+    const Result any = occluded(s, tree.root(), aboveBox, {{2, 0, 0}}, {0});
+    EXPECT_EQ(0, any.id[0]);
+    EXPECT_EQ(-1, any.mask[0]);
+}
+
+TEST(IntersectEdges, MultipleOriginDistanceLimits) {
+    TestScene s;
+    addWall(&s, 4.999995f, -1.0f, 1.0f);
+    addWall(&s, 4.9999f, -1.0f, 1.0f);
+    s.finish();
+    // Each wall alone, so that the margin below the entry distance decides.
+    for (int wall : {0, 1}) {
+        const PackedTree tree(*TreeNode::leaf({wall}));
+        const Result r = nearest(s, s.box, tree.root(), {{0, 0, 0}, {0, 0, 0}},
+                                 {{1, 0, 0}, {1, 0, 0}}, {5.0f, kFar});
+        EXPECT_EQ(wall == 0 ? -1 : 1, r.id[0]) << "a hit within 1e-5 of the entry distance";
+        EXPECT_EQ(wall, r.id[1]);
+    }
+}
+
+TEST(IntersectEdges, ShadowSegmentsExcludeTheirEnds) {
+    TestScene s;
+    addWall(&s, 0.0f);              // through the light: t = 0
+    addWall(&s, 1.0f);              // through the lit points: t = 1
+    addWall(&s, 1.5f);              // behind them
+    addWall(&s, 0.5f, 0.0f, 0.2f);  // covers y + z <= 0.4 at x = 0.5
+    s.finish();
+    const PackedTree tree(*kelt::singleLeaf(4));
+    const V3 light = {0.0f, 0.5f, 0.05f};
+    const std::vector<V3> dirs = {{1, -0.4f, 0}, {1, 0.3f, 0}, {1, 0.3f, 0}, {1, -0.4f, 0}};
+    const Result r = occluded(s, tree.root(), light, dirs, {0, 7, -5, -1});
+    EXPECT_EQ(KEL_STS_OK, r.status);
+    EXPECT_EQ((std::vector<int>{3, -1, -1, -1}), r.id);
+    EXPECT_EQ((std::vector<int>{-1, 7, -5, -1}), r.mask);
+}
+
+TEST(IntersectEdges, RayThroughAVertexHits) {
+    TestScene s;
+    const float a[3] = {1, 0, 0}, b[3] = {0, 1, 0}, c[3] = {0, 0, 0};
+    s.addTriangle(a, b, c);
+    s.finish();
+    const PackedTree tree(*kelt::singleLeaf(1));
+    for (const V3& corner : {V3{1, 0, 0}, V3{0, 1, 0}, V3{0, 0, 0}}) {
+        const V3 from = {corner[0], corner[1], 1.0f};
+        const Result r = nearest(s, s.box, tree.root(), {from}, {{0, 0, -1}}, {kFar});
+        EXPECT_EQ(0, r.id[0]);
+        EXPECT_EQ(corner[0], r.u[0]);
+        EXPECT_EQ(corner[1], r.v[0]);
+        EXPECT_EQ(0, occluded(s, tree.root(), from, {{0, 0, -2}}, {0}).id[0]);
+    }
+}
+
+// Walls at x = 0.25, 0.8, 0.1, 0.6, and two copies of one at 0.7. Trees that
+// file triangles in the wrong cell show which cells a ray visits.
+TEST(IntersectEdges, TraversalOrderAndEarlyTermination) {
+    TestScene s;
+    for (float x : {0.25f, 0.8f, 0.1f, 0.6f, 0.7f, 0.7f}) addWall(&s, x, -1.0f, 1.0f);
+    s.finish();
+    auto split = [](float at, std::vector<int> below, std::vector<int> above) {
+        return PackedTree(*TreeNode::inner(0, at, TreeNode::leaf(below), TreeNode::leaf(above)));
+    };
+    const V3 start = {0, 0, 0}, back = {1, 0, 0};
+    auto nearestId = [&](const PackedTree& tree, const V3& from, const V3& dir) {
+        const int eye = nearest(s, s.box, tree.root(), {from}, {dir}, {kFar}).id[0];
+        const int mo = nearest(s, s.box, tree.root(), {from, from}, {dir, dir}, {kFar, kFar}).id[0];
+        EXPECT_EQ(eye, mo);
+        return eye;
+    };
+    // A hit inside the near cell ends the ray: the misfiled nearer wall in
+    // the far cell is never seen.
+    EXPECT_EQ(0, nearestId(split(0.5f, {0}, {2}), start, {1, 0, 0}));
+    // Going the other way the upper cell comes first.
+    EXPECT_EQ(1, nearestId(split(0.5f, {3}, {1}), back, {-1, 0, 0}));
+    // A hit beyond the near cell does not end it: the far cell holds a nearer one.
+    EXPECT_EQ(3, nearestId(split(0.5f, {1}, {3}), start, {1, 0, 0}));
+    // Equal distances: the triangle met first keeps the hit.
+    EXPECT_EQ(5, nearestId(PackedTree(*TreeNode::leaf({5, 4})), start, {1, 0, 0}));
+    EXPECT_EQ(4, nearestId(PackedTree(*TreeNode::leaf({4, 5})), start, {1, 0, 0}));
+
+    // Shadow segments never visit cells beyond t = 1.0001.
+    const V3 light = {0, 0, 0};
+    EXPECT_EQ(-1, occluded(s, split(1.5f, {}, {0}).root(), light, {{1, 0, 0}}, {0}).id[0]);
+    EXPECT_EQ(0, occluded(s, split(0.9f, {}, {0}).root(), light, {{1, 0, 0}}, {0}).id[0]);
+}
+
+// A chain of `depth` splits at x = 0.5 whose lower children lead on; a ray
+// along +x through the plane defers one upper child per level.
+PackedTree chainTree(int depth, const std::vector<int>& triangles) {
+    auto node = TreeNode::inner(0, 0.5f, TreeNode::leaf(triangles), TreeNode::leaf(triangles));
+    for (int d = 1; d < depth; ++d)
+        node = TreeNode::inner(0, 0.5f, std::move(node), TreeNode::leaf({}));
+    return PackedTree(*node);
+}
+
+TEST(IntersectEdges, TraversalStackHoldsFiftyDeferredChildren) {
+    TestScene s;
+    addWall(&s, 0.25f);
+    s.finish();
+    const float box[6] = {0, 0, 0, 1, 1, 1};
+    // Ray 0 turns away from the plane (no deferral) and hits; ray 1 defers
+    // one child per level; ray 2 must stay untouched after an overflow.
+    const std::vector<V3> origins = {{0.4f, 0.3f, 0.3f}, {0, 0.3f, 0.3f}, {0, 0.3f, 0.3f}};
+    const std::vector<V3> dirs = {{-1, 0, 0}, {1, 0, 0}, {1, 0, 0}};
+    for (int depth : {50, 51}) {
+        SCOPED_TRACE(depth);
+        const PackedTree tree = chainTree(depth, {0});
+        const KelStatus want = depth == 50 ? KEL_STS_OK : KEL_STS_NO_MEM;
+        const std::vector<int> ids =
+            depth == 50 ? std::vector<int>{0, 0, 0} : std::vector<int>{0, -1, 99};
+        const Result mo = nearest(s, box, tree.root(), origins, dirs, {kFar, kFar, kFar});
+        EXPECT_EQ(want, mo.status);
+        EXPECT_EQ(ids, mo.id);
+        EXPECT_EQ(0.15f, mo.t[0]);
+        const Result eye = nearest(s, box, tree.root(), {origins[1]}, {dirs[1]}, {kFar});
+        EXPECT_EQ(want, eye.status);
+        const Result any = occluded(s, tree.root(), origins[1], {dirs[1]}, {0});
+        EXPECT_EQ(want, any.status);
+
+        // Rays from many origins at or below 1.1920929e-6 are not walked at
+        // all; 2e-6 is walked (and overflows), though it cannot hit.
+        const V3 nearPlane = {0.5f - 0.00005f, 0.3f, 0.3f};
+        EXPECT_EQ(KEL_STS_OK, nearest(s, box, tree.root(), {nearPlane, nearPlane},
+                                      {dirs[1], dirs[1]}, {1e-6f, 1e-6f})
+                                  .status);
+        const Result walked = nearest(s, box, tree.root(), {nearPlane, nearPlane},
+                                      {dirs[1], dirs[1]}, {2e-6f, 2e-6f});
+        EXPECT_EQ(want, walked.status);
+        EXPECT_EQ(-1, walked.id[0]);
+    }
+}
+
+TEST(IntersectEdges, EmptyBlocks) {
+    TestScene s;
+    addWall(&s, 0.5f);
+    s.finish();
+    const PackedTree tree(*kelt::singleLeaf(1));
+    const IntersectContext ctx = s.context(tree.root());
+    float dx[4] = {1, 1, 1, 1}, dy[4] = {}, dz[4] = {}, dist[4] = {kFar, kFar, kFar, kFar};
+    float u[4], v[4];
+    int id[4] = {9, 9, 9, 9}, mask[4] = {};
+    const float* dir[3] = {dx, dy, dz};
+    float* hit[2] = {u, v};
+    const float o[3] = {0, 0.3f, 0.3f};
+    const float* origins[3] = {dx, dy, dz};
+    for (auto [w, h] : {std::pair{0, 4}, std::pair{4, 0}, std::pair{-4, 2}, std::pair{2, -1}}) {
+        EXPECT_EQ(KEL_STS_OK, kelrIntersectEyeSO_32f(o, dir, dist, hit, id, &ctx, w, h));
+        EXPECT_EQ(KEL_STS_OK, kelrIntersectMO_32f(origins, dir, dist, hit, id, &ctx, w, h));
+        EXPECT_EQ(KEL_STS_OK, kelrIntersectAnySO_32f(o, dir, id, mask, w, h, &ctx));
+    }
+    EXPECT_EQ((std::vector<int>{9, 9, 9, 9}), std::vector<int>(id, id + 4));
+}
+
+}  // namespace

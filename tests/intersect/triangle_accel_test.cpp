@@ -1,0 +1,165 @@
+// The accelerator records: axis choice and its ties, the flat flag,
+// degenerate triangles, the words that are never touched, and whether a
+// record reproduces its triangle's geometry.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "kelr.h"
+#include "oracle.h"
+
+namespace {
+
+constexpr int32_t kUntouched = int32_t(0xDEADBEEF);
+constexpr uint32_t kFlat = 0x80000000u;
+
+// Records for triangles given as nine coordinates each (A, B, C); the spare
+// word of each triangle holds garbage, which must not matter.
+std::vector<TriangleAccel> recordsFor(const std::vector<std::array<float, 9>>& triangles) {
+    std::vector<float> vertices;
+    std::vector<int> indices;
+    for (const auto& t : triangles) {
+        const int base = int(vertices.size() / 3);
+        vertices.insert(vertices.end(), t.begin(), t.end());
+        indices.insert(indices.end(), {base, base + 1, base + 2, 0x7FFFFFFF});
+    }
+    std::vector<TriangleAccel> records(triangles.size());
+    for (auto& r : records) r.reserved = kUntouched;
+    EXPECT_EQ(KEL_STS_OK, kelrTriangleAccelInit(records.data(), vertices.data(), indices.data(),
+                                                int(triangles.size())));
+    return records;
+}
+
+TEST(TriangleAccel, RecordSizeAndNullPointer) {
+    int size = 0;
+    EXPECT_EQ(KEL_STS_OK, kelrTriangleAccelGetSize(&size));
+    EXPECT_EQ(48, size);
+    EXPECT_EQ(KEL_STS_NULL_PTR, kelrTriangleAccelGetSize(nullptr));
+}
+
+TEST(TriangleAccel, AxisChoiceTiesAndFlatFlag) {
+    // C at the origin, so e1 = A and e2 = B; normals noted per line.
+    const auto rec = recordsFor({
+        {1, 0, 0, 0, 1, 0, 0, 0, 0},     // (0, 0, 1): plane z = 0
+        {0, 0, 1, 1, -1, 0, 0, 0, 0},    // (1, 1, 0): x wins the tie with y
+        {0, 1, 0, 1, 0, -1, 0, 0, 0},    // (-1, 0, -1): x wins the tie with z
+        {1, 0, 0, 0, 1, -1, 0, 0, 0},    // (0, 1, 1): y wins the tie with z
+        {1, 0, 0, 0, 0, 1, 0, 0, 0},     // (0, -1, 0): plane y = 0, facing -y
+        {9, 9, 10, 7, 9, 12, 7, 8, 10},  // (2, -4, 2): y
+    });
+    EXPECT_EQ(0x21u | kFlat, rec[0].axes);
+    EXPECT_EQ(0.0f, rec[0].nu);
+    EXPECT_EQ(0.0f, rec[0].nv);
+    EXPECT_EQ(0x06u, rec[1].axes);
+    EXPECT_EQ(1.0f, rec[1].nu);  // N.y / N.x
+    EXPECT_EQ(0x06u, rec[2].axes);
+    EXPECT_EQ(0x12u, rec[3].axes);
+    EXPECT_EQ(0x12u | kFlat, rec[4].axes);
+    EXPECT_EQ(0x12u, rec[5].axes);
+    EXPECT_EQ(-0.5f, rec[5].nu);  // N.x / N.y
+    EXPECT_EQ(-0.5f, rec[5].nv);  // N.z / N.y
+    EXPECT_EQ(8.0f, rec[5].ck);   // C.y
+    EXPECT_EQ(7.0f, rec[5].cu);
+    EXPECT_EQ(10.0f, rec[5].cv);
+    for (size_t i = 0; i < rec.size(); ++i) {
+        EXPECT_EQ(int(i), rec[i].triangle);
+        EXPECT_EQ(kUntouched, rec[i].reserved);
+    }
+
+    // Facing -y: the projected area determinant is -N.y, so the weights of
+    // a point inside are positive whichever side the ray comes from.
+    for (float dy : {1.0f, -1.0f}) {
+        const float o[3] = {0.25f, -dy, 0.25f}, r[3] = {0, dy, 0};
+        oracle::Hit h;
+        ASSERT_TRUE(oracle::testTriangle(oracle::Query::Eye, rec[4], o, r, 10, &h));
+        EXPECT_EQ(1.0f, h.t);
+        EXPECT_EQ(0.25f, h.u);
+        EXPECT_EQ(0.25f, h.v);
+    }
+}
+
+TEST(TriangleAccel, DegenerateRecordsAndCounts) {
+    const auto rec = recordsFor({
+        {1, 2, 3, 1, 2, 3, 4, 5, 7},  // two equal vertices
+        {0, 0, 0, 1, 1, 1, 2, 2, 2},  // collinear
+        {0, 0, 0, 1, 0, 0, 0, 1, 0},
+    });
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(0u, rec[i].axes);
+        const float* f = &rec[i].nu;
+        for (int w = 0; w < 9; ++w) EXPECT_EQ(0.0f, f[w]) << "triangle " << i << " word " << w;
+        EXPECT_EQ(i, rec[i].triangle);
+        EXPECT_EQ(kUntouched, rec[i].reserved);
+        for (auto q : {oracle::Query::Eye, oracle::Query::MultipleOrigin, oracle::Query::Any}) {
+            const float o[3] = {1, 2, 0}, r[3] = {0.1f, 0.2f, 1};
+            oracle::Hit h;
+            EXPECT_FALSE(oracle::testTriangle(q, rec[i], o, r, 1e30f, &h));
+        }
+    }
+    EXPECT_EQ(0x21u | kFlat, rec[2].axes);
+
+    TriangleAccel untouched;
+    std::memset(&untouched, 0x5A, sizeof untouched);
+    TriangleAccel copy = untouched;
+    const float v[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+    const int t[4] = {0, 1, 2, 0};
+    EXPECT_EQ(KEL_STS_OK, kelrTriangleAccelInit(&copy, v, t, 0));
+    EXPECT_EQ(KEL_STS_OK, kelrTriangleAccelInit(&copy, v, t, -3));
+    EXPECT_EQ(0, std::memcmp(&copy, &untouched, sizeof copy));
+}
+
+// A ray aimed at a known point of a random triangle must hit it at the known
+// distance with the point's barycentric weights, in every query: this ties
+// the record to the triangle's geometry independently of its encoding.
+TEST(TriangleAccel, RecordsReproduceTheGeometry) {
+    std::mt19937 rng(20261121);
+    std::uniform_real_distribution<float> coord(-2.0f, 2.0f), weight(0.05f, 0.9f);
+    for (int trial = 0; trial < 2000; ++trial) {
+        std::array<float, 9> tri;
+        for (float& c : tri) c = coord(rng);
+        const auto rec = recordsFor({tri});
+        float a = weight(rng), b = weight(rng);
+        if (a + b > 0.95f) {
+            a *= 0.5f;
+            b *= 0.5f;
+        }
+        const double c = 1.0 - a - b;
+        double p[3], n[3], e1[3], e2[3];
+        for (int k = 0; k < 3; ++k) {
+            p[k] = a * tri[k] + b * tri[3 + k] + c * tri[6 + k];
+            e1[k] = double(tri[k]) - tri[6 + k];
+            e2[k] = double(tri[3 + k]) - tri[6 + k];
+        }
+        n[0] = e1[1] * e2[2] - e1[2] * e2[1];
+        n[1] = e1[2] * e2[0] - e1[0] * e2[2];
+        n[2] = e1[0] * e2[1] - e1[1] * e2[0];
+        const double area = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
+        if (area < 0.05) continue;  // slivers: the weights are ill-conditioned
+        // Slanted towards the plane, from 2 direction lengths away; half of
+        // the rays come from behind.
+        float r[3], o[3];
+        const double side = trial % 2 ? 1.0 : -1.0;
+        for (int k = 0; k < 3; ++k) r[k] = float(side * n[k] / area + 0.3 * coord(rng));
+        double along = 0;
+        for (int k = 0; k < 3; ++k) along += r[k] * n[k] / area;
+        if (std::fabs(along) < 0.3) continue;
+        for (int k = 0; k < 3; ++k) o[k] = float(p[k] - 2.0 * r[k]);
+        for (auto q : {oracle::Query::Eye, oracle::Query::MultipleOrigin, oracle::Query::Any}) {
+            const float range = q == oracle::Query::Any ? 1.0f : 10.0f;
+            float ro[3] = {r[0], r[1], r[2]};
+            if (q == oracle::Query::Any)
+                for (float& x : ro) x *= 2.5f;  // the point lies at t = 0.8
+            oracle::Hit h;
+            ASSERT_TRUE(oracle::testTriangle(q, rec[0], o, ro, range, &h)) << "trial " << trial;
+            EXPECT_NEAR(q == oracle::Query::Any ? 0.8 : 2.0, h.t, 1e-3);
+            EXPECT_NEAR(a, h.u, 2e-3);
+            EXPECT_NEAR(b, h.v, 2e-3);
+        }
+    }
+}
+
+}  // namespace
