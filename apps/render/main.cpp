@@ -1,0 +1,97 @@
+// kelr-render: a Whitted-style ray tracer built on libkelrt7. It renders the
+// built-in scene, or an OBJ mesh standing in it, to a PNG.
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "default_scene.h"
+#include "obj_loader.h"
+#include "options.h"
+#include "progress.h"
+#include "renderer.h"
+#include "scene_accel.h"
+#include "status.h"
+#include "summary.h"
+
+using namespace render;
+
+namespace {
+
+int fail(const std::string& message) {
+    std::fprintf(stderr, "kelr-render: %s\n", message.c_str());
+    return 1;
+}
+
+bool makeScene(const Options& options, Scene* scene, std::string* error) {
+    if (options.meshPath.empty()) {
+        *scene = makeDefaultScene();
+    } else {
+        Mesh mesh;
+        if (!loadObjFile(options.meshPath, &mesh, error)) return false;
+        *scene = makeSceneAroundMesh(mesh);
+    }
+    if (options.eye) scene->camera.eye = *options.eye;
+    if (options.lookAt) scene->camera.lookAt = *options.lookAt;
+    if (options.fov) scene->camera.verticalFovDegrees = *options.fov;
+    return true;
+}
+
+// The simple tree tests every triangle for every ray; say so before the
+// user waits for hours.
+void warnIfSlow(const Options& options, const Scene& scene) {
+    const double work =
+        double(options.render.width) * options.render.height * scene.mesh.triangleCount();
+    if (options.build.builder == TreeBuilder::kSimple && work > 5e9)
+        std::fprintf(stderr,
+                     "kelr-render: note: the simple tree tests all %d triangles for every ray; "
+                     "this will be slow (try a smaller --size)\n",
+                     scene.mesh.triangleCount());
+}
+
+int run(const Options& options) {
+    Scene scene;
+    std::string error;
+    if (!makeScene(options, &scene, &error)) return fail(error);
+
+    const KelLibraryVersion* version = kelrGetLibVersion();
+    std::fprintf(stderr, "kelr-render: %s %s, %d triangles, building the %s tree...\n",
+                 version->libraryName, version->versionText, scene.mesh.triangleCount(),
+                 options.build.builder == TreeBuilder::kPsah ? "PSAH" : "simple");
+    SceneAccel accel(scene.mesh, options.build);
+    warnIfSlow(options, scene);
+
+    ProgressBar bar(stderr);
+    const RenderResult result = renderImage(
+        scene, accel, scene.camera, options.render,
+        options.quiet ? ProgressCallback() : [&](const RenderProgress& p) { bar.update(p); });
+    if (!options.quiet) bar.finish();
+
+    if (!writePng(result.image, options.out, &error)) return fail(error);
+    std::printf("%s", summaryText(scene, accel, options, result).c_str());
+    std::printf("Image    %s\n", options.out.c_str());
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    std::string error;
+    if (!parseOptions(std::vector<std::string>(argv + 1, argv + argc), &options, &error)) {
+        std::fprintf(stderr, "kelr-render: %s\n", error.c_str());
+        return 2;
+    }
+    if (options.help) {
+        std::printf("%s", usage().c_str());
+        return 0;
+    }
+    try {
+        return run(options);
+    } catch (const std::bad_alloc&) {
+        return fail("out of memory");
+    } catch (const std::exception& e) {
+        return fail(e.what());
+    }
+}

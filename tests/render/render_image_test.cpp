@@ -1,0 +1,127 @@
+// Whole renders through the library: the picture must not depend on the tree
+// builder or the thread count, and shadows and reflections must fall where
+// the geometry puts them.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "camera.h"
+#include "renderer.h"
+#include "scene_accel.h"
+#include "test_scenes.h"
+
+namespace {
+
+using namespace render;
+
+RenderSettings smallRender(int bounces, int threads) {
+    RenderSettings settings;
+    settings.width = 64;
+    settings.height = 64;
+    settings.bounces = bounces;
+    settings.threads = threads;
+    return settings;
+}
+
+BuildSettings builder(TreeBuilder kind) {
+    BuildSettings settings;
+    settings.builder = kind;
+    return settings;
+}
+
+RenderResult renderWith(const Scene& scene, TreeBuilder kind, const RenderSettings& settings) {
+    SceneAccel accel(scene.mesh, builder(kind));
+    return renderImage(scene, accel, scene.camera, settings);
+}
+
+bool sameBits(const Image& a, const Image& b) {
+    return a.width == b.width && a.height == b.height &&
+           std::memcmp(a.rgb.data(), b.rgb.data(), a.rgb.size() * sizeof(float)) == 0;
+}
+
+// The pixel of the 64 x 64 render whose centre ray runs towards point.
+const float* pixelShowing(const Scene& scene, const Image& image, const Vec3& point) {
+    Camera camera;
+    EXPECT_TRUE(Camera::make(scene.camera, image.width, image.height, &camera));
+    int column = -1, row = -1;
+    EXPECT_TRUE(camera.pixelOf(point, &column, &row));
+    return image.pixel(column, row);
+}
+
+float brightness(const float* rgb) {
+    return rgb[0] + rgb[1] + rgb[2];
+}
+
+TEST(RenderImage, PsahAndSimpleTreesGiveTheSameBits) {
+    const Scene scene = render_test::smallMixedScene();
+    SceneAccel psah(scene.mesh, builder(TreeBuilder::kPsah));
+    // A PSAH tree of one leaf would make this comparison say nothing.
+    ASSERT_GT(psah.stats().innerNodes, 10);
+    const RenderSettings settings = smallRender(3, 2);
+    const RenderResult fromPsah = renderImage(scene, psah, scene.camera, settings);
+    const RenderResult fromSimple = renderWith(scene, TreeBuilder::kSimple, settings);
+
+    EXPECT_TRUE(sameBits(fromPsah.image, fromSimple.image));
+    EXPECT_EQ(fromPsah.rays.eye, fromSimple.rays.eye);
+    EXPECT_EQ(fromPsah.rays.shadow, fromSimple.rays.shadow);
+    EXPECT_EQ(fromPsah.rays.reflection, fromSimple.rays.reflection);
+    EXPECT_GT(fromPsah.rays.reflection, 0);  // the mirror was traced at all
+}
+
+TEST(RenderImage, ThreadCountDoesNotChangeThePicture) {
+    const Scene scene = render_test::smallMixedScene();
+    SceneAccel accel(scene.mesh, builder(TreeBuilder::kPsah));
+    const RenderResult one = renderImage(scene, accel, scene.camera, smallRender(2, 1));
+    const RenderResult three = renderImage(scene, accel, scene.camera, smallRender(2, 3));
+    EXPECT_TRUE(sameBits(one.image, three.image));
+    EXPECT_EQ(one.rays.total(), three.rays.total());
+}
+
+TEST(RenderImage, FloorUnderTheOccluderIsInShadow) {
+    const Scene blocked = render_test::shadowScene(true);
+    const Scene open = render_test::shadowScene(false);
+    const RenderSettings settings = smallRender(0, 2);
+    const Image withSquare = renderWith(blocked, TreeBuilder::kPsah, settings).image;
+    const Image withoutSquare = renderWith(open, TreeBuilder::kPsah, settings).image;
+
+    // The origin is straight below the square and the light.
+    const float* shadowed = pixelShowing(blocked, withSquare, {0.0f, 0.0f, 0.0f});
+    const float* sameSpotLit = pixelShowing(open, withoutSquare, {0.0f, 0.0f, 0.0f});
+    // (3, 0, 0) sees the light past the square's edge (the segment crosses
+    // y = 1 at x = 2.4).
+    const float* besideShadow = pixelShowing(blocked, withSquare, {3.0f, 0.0f, 0.0f});
+
+    // In shadow only the ambient term is left: 0.05 * 0.8 per channel.
+    EXPECT_NEAR(shadowed[0], 0.04f, 1e-3f);
+    EXPECT_NEAR(shadowed[1], 0.04f, 1e-3f);
+    EXPECT_NEAR(shadowed[2], 0.04f, 1e-3f);
+    // Without the square the same spot gets the light's full 25 / 5^2.
+    EXPECT_NEAR(sameSpotLit[0], 0.04f + 0.8f, 0.02f);
+    EXPECT_GT(brightness(besideShadow), 10.0f * brightness(shadowed));
+}
+
+TEST(RenderImage, MirrorShowsTheFloorBelowAndTheSkyAbove) {
+    const Scene scene = render_test::mirrorScene();
+    const Image mirrored = renderWith(scene, TreeBuilder::kPsah, smallRender(1, 2)).image;
+    const Image unreflected = renderWith(scene, TreeBuilder::kPsah, smallRender(0, 2)).image;
+
+    // Where the sphere's normal points 45 degrees down, a level view ray is
+    // mirrored straight down onto the green floor; 45 degrees up, straight up
+    // into the blue sky.
+    const float s = 0.70710678f;
+    const Vec3 lower = {0.0f, 1.0f - s, s}, upper = {0.0f, 1.0f + s, s};
+    const float* floorInMirror = pixelShowing(scene, mirrored, lower);
+    EXPECT_GT(floorInMirror[1], 2.0f * floorInMirror[0]);
+    EXPECT_GT(floorInMirror[1], 2.0f * floorInMirror[2]);
+    const float* skyInMirror = pixelShowing(scene, mirrored, upper);
+    EXPECT_NEAR(skyInMirror[0], 0.1f, 1e-3f);
+    EXPECT_NEAR(skyInMirror[1], 0.2f, 1e-3f);
+    EXPECT_NEAR(skyInMirror[2], 0.9f, 1e-3f);
+
+    // A black mirror without bounces shows nothing: the colour above came
+    // from the reflected rays.
+    const float* withoutBounce = pixelShowing(scene, unreflected, lower);
+    EXPECT_EQ(brightness(withoutBounce), 0.0f);
+}
+
+}  // namespace
