@@ -1,9 +1,8 @@
 /* Uses the installed library as a C program would: the version record and a
  * simple tree over three triangles. Exits non-zero on any mismatch. */
+#include <kelr.h>
 #include <stdio.h>
 #include <string.h>
-
-#include <kelr.h>
 
 int main(void) {
     const KelLibraryVersion* version = kelrGetLibVersion();
