@@ -255,8 +255,8 @@ inline __m128 reciprocalLength(Vec3 n) {
                       _mm_sub_ps(_mm_mul_ps(_mm_mul_ps(s, r), r), _mm_set1_ps(3.0f)));
 }
 
-// ---- Shading arithmetic ------------------------------------------------------
-
+// The shading workers are chosen only when all their arrays are aligned
+// (AddMulMul's src excepted, which it reads with unaligned loads).
 using Shading = AlignedLanes;
 
 }  // namespace
