@@ -8,10 +8,7 @@
 #include <vector>
 
 #include "core/cachesize.h"
-#include "kelr.h"
-
-extern "C" void* ownsCopy_8u(const void* pSrc, void* pDst, int n);
-extern "C" void* ownsZero_8u(void* pDst, int n);
+#include "core/kel_private.h"
 
 namespace {
 
