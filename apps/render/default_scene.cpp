@@ -14,10 +14,10 @@ enum MaterialId { kFloorLight, kFloorDark, kMirror, kRed, kGold, kPorcelain, kBl
 std::vector<Material> sceneMaterials() {
     std::vector<Material> m(8);
     m[kFloorLight] = {{0.80f, 0.78f, 0.74f}, 0.05f, 16.0f, 0.0f};
-    m[kFloorDark] = {{0.09f, 0.10f, 0.12f}, 0.10f, 32.0f, 0.15f};
+    m[kFloorDark] = {{0.08f, 0.09f, 0.11f}, 0.10f, 32.0f, 0.10f};
     m[kMirror] = {{0.04f, 0.04f, 0.04f}, 0.6f, 200.0f, 0.9f};
     m[kRed] = {{0.75f, 0.08f, 0.06f}, 0.5f, 60.0f, 0.08f};
-    m[kGold] = {{0.85f, 0.62f, 0.20f}, 0.8f, 80.0f, 0.35f};
+    m[kGold] = {{0.80f, 0.55f, 0.15f}, 0.8f, 80.0f, 0.25f};
     m[kPorcelain] = {{0.90f, 0.90f, 0.86f}, 0.4f, 40.0f, 0.05f};
     m[kBlue] = {{0.10f, 0.30f, 0.85f}, 0.7f, 120.0f, 0.15f};
     m[kClay] = {{0.62f, 0.50f, 0.42f}, 0.2f, 24.0f, 0.0f};
@@ -30,9 +30,11 @@ Scene makeStage() {
     scene.materials = sceneMaterials();
     scene.mesh.append(makeCheckerFloor(12.0f, 80, 0.0f), kFloorLight);
     scene.mesh.append(makeSphere({0.0f, 1.7f, -2.0f}, 1.7f, 192, 96), kMirror);
-    // A warm key light high on the left, a cooler and weaker fill on the right.
-    scene.lights = {{{-6.0f, 9.0f, 7.0f}, {135.0f, 122.0f, 105.0f}},
-                    {{8.0f, 6.0f, 3.0f}, {22.0f, 27.0f, 36.0f}}};
+    // A warm key light high on the left, so that the solids' shadows fall to
+    // their right where the camera sees them; a cooler, weaker fill in front
+    // on the right keeps the shaded sides from going black.
+    scene.lights = {{{-8.0f, 10.0f, 3.0f}, {150.0f, 135.0f, 115.0f}},
+                    {{6.0f, 5.0f, 9.0f}, {20.0f, 24.0f, 32.0f}}};
     scene.camera.eye = {0.0f, 3.4f, 10.0f};
     scene.camera.lookAt = {0.0f, 1.2f, 0.0f};
     return scene;

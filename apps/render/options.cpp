@@ -71,7 +71,7 @@ std::string usage() {
            "  --memory MIB       PSAH working-memory budget, 32..4095 (default: sized to the "
            "mesh)\n"
            "  --max-depth N      deepest PSAH tree, 0..50 (default 50)\n"
-           "  --weight W         PSAH split eagerness, 0..1 (default 0.5)\n"
+           "  --weight W         PSAH split eagerness, 0..1 (default 0.2)\n"
            "  --quiet            no progress bar\n"
            "  --help             this text\n";
 }

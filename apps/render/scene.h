@@ -50,8 +50,8 @@ struct Scene {
     std::vector<Material> materials;
     std::vector<PointLight> lights;
     Vec3 ambient{0.06f, 0.06f, 0.07f};
-    Vec3 skyHorizon{0.75f, 0.82f, 0.92f};
-    Vec3 skyZenith{0.25f, 0.42f, 0.75f};
+    Vec3 skyHorizon{0.62f, 0.74f, 0.92f};
+    Vec3 skyZenith{0.20f, 0.38f, 0.78f};
     CameraSetup camera;
 };
 

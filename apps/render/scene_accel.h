@@ -18,7 +18,7 @@ enum class TreeBuilder { kPsah, kSimple };
 struct BuildSettings {
     TreeBuilder builder = TreeBuilder::kPsah;
     int maxDepth = 50;        // deepest the PSAH tree may grow (the traversal stack holds 50)
-    float psahWeight = 0.5f;  // 0..1; higher values let the PSAH builder split more readily
+    float psahWeight = 0.2f;  // 0..1; higher values let the PSAH builder split more readily
     uint32_t memoryMiB = 0;   // PSAH working-memory budget; 0 sizes it to the mesh
 };
 
