@@ -5,8 +5,9 @@ namespace {
 
 constexpr int kMaxDepth = 50;  // the traversal stack of the intersection holds 50 entries
 
-// Below this the PSAH build cannot carve its fixed work areas.
-constexpr uint32_t kPsahMinimumBudgetHalfMiB = 0x1000000;
+// 32 MiB, in the half-byte units of the budget check (MiB << 19): below this
+// the PSAH build cannot carve its fixed work areas.
+constexpr uint32_t kPsahMinimumHalfBudget = 0x1000000;
 
 inline bool depthInRange(int depth) {
     return depth >= 0 && depth <= kMaxDepth;
@@ -25,7 +26,7 @@ KelStatus buildPsah(KDTreeNode** ppTree, const float* pVertices, const int* pTri
     // The budget is tested as MiB << 19 in 32 bits, wrapping like the byte
     // count handed on (MiB << 20): a value such as 8192, whose low 13 bits
     // are below 32, is refused too.
-    if (uint32_t(context.memoryMiB << 19) < kPsahMinimumBudgetHalfMiB) return KEL_STS_NO_MEM;
+    if (uint32_t(context.memoryMiB << 19) < kPsahMinimumHalfBudget) return KEL_STS_NO_MEM;
     return ownKDTBldPSAH_ML(pVertices, pTriangles, vertexCount, triangleCount, ppTree, pTreeSize,
                             context.psahWeight, context.maxDepth, uint32_t(context.memoryMiB << 20),
                             context.clipBox);
