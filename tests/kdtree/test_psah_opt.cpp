@@ -170,19 +170,20 @@ Tri tri(float ax, float ay, float az, float bx, float by, float bz, float cx, fl
     return Tri{{{ax, ay, az}, {bx, by, bz}, {cx, cy, cz}}};
 }
 
-// Random triangles in the unit cube plus triangles lying in planes z = c,
-// some of them on the lower face.
-std::vector<Tri> soup(int n, unsigned seed) {
+// Random triangles in the unit cube. Every seventh lies in a plane z = c:
+// c = 0.5 or 0.25 when planar is 1, and c = 0.5 or the lower face when it
+// is 2.
+std::vector<Tri> soup(int n, unsigned seed, int planar = 2) {
     std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> u(0.0f, 1.0f), d(-0.15f, 0.15f);
+    std::uniform_real_distribution<float> u(0.15f, 0.85f), d(-0.15f, 0.15f);
     std::vector<Tri> tris;
     for (int i = 0; i < n; ++i) {
         float c[3] = {u(rng), u(rng), u(rng)};
         Tri t;
         for (auto& v : t.v)
-            for (int a = 0; a < 3; ++a) v[a] = std::min(1.0f, std::max(0.0f, c[a] + d(rng)));
-        if (i % 7 == 0)
-            for (auto& v : t.v) v[2] = i % 14 == 0 ? 0.0f : 0.5f;
+            for (int a = 0; a < 3; ++a) v[a] = c[a] + d(rng);
+        if (planar > 0 && i % 7 == 0)
+            for (auto& v : t.v) v[2] = i % 14 ? 0.5f : planar == 1 ? 0.25f : 0.0f;
         tris.push_back(t);
     }
     tris.push_back(tri(0, 0, 0, 1, 1, 1, 0, 1, 0));  // spans the cube
@@ -302,14 +303,15 @@ TEST_F(PsahOpt, MaxDepthZeroGivesOneLeafInPatchOrder) {
 
 TEST_F(PsahOpt, SmallAndWideNodesChooseTheBruteForceSplit) {
     for (int n : {30, 74, 120, 400}) {
-        for (float weight : {0.0f, 1.0f}) {
-            std::vector<Tri> tris = soup(n, unsigned(n));
+        for (int planar : {0, 1, 2}) {
+            const float weight = planar == 1 ? 0.0f : 1.0f;
+            std::vector<Tri> tris = soup(n, unsigned(n + planar), planar);
             prepare(tris);
             Choice expected;
             const int axis = n + 1 > 75 ? bruteForceSplit<double>(tris, box, weight, &expected)
                                         : bruteForceSplit<float>(tris, box, weight, &expected);
             ASSERT_EQ(run(weight, 1), KEL_STS_OK);
-            SCOPED_TRACE(testing::Message() << "n = " << n << ", weight " << weight);
+            SCOPED_TRACE(testing::Message() << "n = " << n << ", planar " << planar);
             if (axis < 0) {
                 EXPECT_EQ(root.kind, kPsahLeaf);
             } else {
@@ -404,13 +406,44 @@ TEST_F(PsahOpt, EmptySpaceBeyondATenthIsCutOffWithoutASweep) {
     EXPECT_EQ(root.children[1].count, 0);
     EXPECT_EQ(root.children[1].triangles, nullptr);
 
-    // Exactly a tenth (1 of 10) does not count.
-    tris.clear();
-    for (int i = 0; i < 4; ++i) tris.push_back(tri(0, 0, 0, 1, 1, 9, 0, 1, 4.5f));
+    // In a box of height 10, empty space of exactly 1 does not count; 1.1
+    // does, at either end, and only its bonus makes the cut pay here.
+    struct Case {
+        float bottom, top;
+        int kind;
+    };
+    for (Case c :
+         {Case{0, 9, kPsahLeaf}, Case{1, 10, kPsahLeaf}, Case{0, 8.9f, 2}, Case{1.1f, 10, 2}}) {
+        tris.assign(4, tri(0, 0, c.bottom, 1, 1, c.top, 0, 1, 4.5f));
+        prepare(tris);
+        box[2] = 0.0f;
+        box[5] = 10.0f;
+        ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
+        ASSERT_EQ(root.kind, c.kind) << c.bottom << " " << c.top;
+        if (c.kind == kPsahLeaf) continue;
+        const bool lowEnd = c.bottom > 0;
+        EXPECT_EQ(root.split, lowEnd ? c.bottom : c.top);
+        EXPECT_EQ(root.children[lowEnd ? 0 : 1].count, 0);
+        EXPECT_EQ(root.children[lowEnd ? 1 : 0].count, 4);
+    }
+}
+
+// Planar patches in the middle of the box price the same on either side of
+// a plane through them: the right side, priced first, wins.
+TEST_F(PsahOpt, PlanarTieAtOnePositionGoesRight) {
+    std::vector<Tri> tris;
+    for (int i = 0; i < 3; ++i) {
+        tris.push_back(tri(0, 0, 0, 1, 1, 0.5f, 0, 1, 0.2f));
+        tris.push_back(tri(0, 0, 0.5f, 1, 1, 1, 0, 1, 0.7f));
+        tris.push_back(tri(0, 0, 0.5f, 1, 1, 0.5f, 0, 1, 0.5f));
+    }
     prepare(tris);
-    box[5] = 10.0f;
     ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
-    EXPECT_EQ(root.kind, kPsahLeaf);
+    ASSERT_EQ(root.kind, 2);
+    EXPECT_EQ(root.split, 0.5f);
+    const std::vector<Leaf>& l = treeLeaves();
+    EXPECT_EQ(l[0].triangles, (std::vector<int>{0, 3, 6}));
+    EXPECT_EQ(l[1].triangles, (std::vector<int>{1, 2, 4, 5, 7, 8}));
 }
 
 // The triangle (0,0,0), (2,0,0), (0,2,0) is cut at x = 1 between two
