@@ -21,10 +21,15 @@ test-%: build-%
 bench: deps build-x86_64
 	@echo "Benchmark programs are in build/x86_64/bench/"
 
+# Builds only the renderer (and the library it links), renders the built-in
+# scene and says where the picture is.
 demo:
 	@sh scripts/deps.sh demo
 	@if [ -f apps/render/CMakeLists.txt ]; then \
-	  $(MAKE) --no-print-directory build-x86_64 && build/x86_64/apps/render/kelr-render --out out/demo.png; \
+	  cmake --preset x86_64 >/dev/null && \
+	  cmake --build build/x86_64 -j $(JOBS) --target kelr-render && \
+	  build/x86_64/apps/render/kelr-render --out out/demo.png && \
+	  echo "The picture is in $(CURDIR)/out/demo.png"; \
 	else echo "The renderer is not there yet."; fi
 
 clean:
