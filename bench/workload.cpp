@@ -45,10 +45,12 @@ void addRoom(kelt::Mesh* mesh, V3 lo, V3 hi) {
     V3 p[8];
     for (int k = 0; k < 8; ++k)
         p[k] = {k & 1 ? hi.x : lo.x, k & 2 ? hi.y : lo.y, k & 4 ? hi.z : lo.z};
-    addQuad(mesh, p[0], p[2], p[6], p[4]); // x = lo
-    addQuad(mesh, p[1], p[5], p[7], p[3]); // x = hi
+    // Floor and ceiling first, then the x and the z walls: the triangle
+    // numbers, and so the workload's id checksums, depend on this order.
     addQuad(mesh, p[0], p[4], p[5], p[1]); // y = lo (floor)
     addQuad(mesh, p[2], p[3], p[7], p[6]); // y = hi
+    addQuad(mesh, p[0], p[2], p[6], p[4]); // x = lo
+    addQuad(mesh, p[1], p[5], p[7], p[3]); // x = hi
     addQuad(mesh, p[0], p[1], p[3], p[2]); // z = lo
     addQuad(mesh, p[4], p[6], p[7], p[5]); // z = hi
 }
