@@ -120,6 +120,13 @@ inline int towardsLower(__m128 r, int lanes) {
     return (_mm_movemask_ps(_mm_cmplt_ps(r, _mm_setzero_ps())) & lanes) != 0;
 }
 
+// The lanes that the nearest-hit walks send towards lower coordinates on an
+// axis: negative components large enough to invert. A tiny negative one
+// walks as if it were positive.
+inline int invertedNegative(__m128 r) {
+    return _mm_movemask_ps(_mm_andnot_ps(tinyComponents(r), _mm_cmplt_ps(r, _mm_setzero_ps())));
+}
+
 // ---- Four-lane ray-triangle test -------------------------------------------
 
 // What the projected test leaves for four rays against one record: the
@@ -247,6 +254,29 @@ KelStatus traverse(Query& query, const KDTreeNode* root, __m128 tNear, __m128 tF
             }
         }
     }
+}
+
+// Walks the `live` lanes in groups that share the scalar walk's order on
+// every axis (`negative`: per axis, the lanes that walk towards lower
+// coordinates). Lanes of one octant form one group, except that a tiny
+// negative component walks as a positive one: such a lane gets a walk of
+// its own rather than a stand-in order.
+template <class Query>
+KelStatus traverseByOrder(Query& query, const int negative[3], const KDTreeNode* root, __m128 tNear,
+                          __m128 tFar, int live) {
+    KelStatus status = KEL_STS_OK;
+    while (live) {
+        const int lane = __builtin_ctz(unsigned(live));
+        int group = live;
+        for (int a = 0; a < 3; ++a) {
+            query.towardsLower[a] = negative[a] >> lane & 1;
+            group &= query.towardsLower[a] ? negative[a] : ~negative[a];
+        }
+        const KelStatus walk = traverse(query, root, tNear, tFar, group);
+        if (walk != KEL_STS_OK) status = walk;
+        live &= ~group;
+    }
+    return status;
 }
 
 // ---- Tiling ----------------------------------------------------------------

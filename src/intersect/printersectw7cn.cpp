@@ -23,7 +23,8 @@ constexpr float kShortestRay = 1.1920929e-6f;
 struct OwnOriginRays {
     const TriangleAccel* accel;
     __m128 origin[3], direction[3], inverse[3];
-    int towardsLower[3];
+    int towardsLower[3];  // the order of the group being walked
+    int negative[3];      // per axis, the lanes that walk towards lower coordinates
     __m128 distance, u, v;
     __m128i id;  // also the hit memory: the last triangle accepted
 
@@ -69,7 +70,7 @@ struct OwnOriginRays {
 // Loads four rays and clips each to the box from its own origin, its
 // distance bounding the interval from the start; returns the lanes left to
 // walk. A ray that does not move along an axis must start strictly inside
-// that slab; its stand-in inverse takes the packet's sign on that axis.
+// that slab.
 int startOwnOriginRays(OwnOriginRays* rays, const float* const origin[3],
                        const float* const direction[3], const float* box, const float* pDistance,
                        float* const hit[2], const int* pTriangleId, int lanes, __m128* tNearOut,
@@ -86,15 +87,14 @@ int startOwnOriginRays(OwnOriginRays* rays, const float* const origin[3],
         const __m128 r = _mm_load_ps(direction[a]);
         rays->origin[a] = o;
         rays->direction[a] = r;
-        rays->towardsLower[a] = kel::packet::towardsLower(r, lanes);
+        rays->negative[a] = kel::packet::invertedNegative(r);
         const __m128 tiny = kel::packet::tinyComponents(r);
         const __m128 lo = _mm_set1_ps(box[a]), hi = _mm_set1_ps(box[a + 3]);
         const __m128 insideSlab = _mm_and_ps(_mm_cmplt_ps(lo, o), _mm_cmplt_ps(o, hi));
         live &= ~_mm_movemask_ps(_mm_andnot_ps(insideSlab, tiny));
-        const float standIn =
-            rays->towardsLower[a] ? -kel::packet::kZeroInverse : kel::packet::kZeroInverse;
+
         const __m128 inverse = _mm_div_ps(_mm_set1_ps(1.0f), r);
-        rays->inverse[a] = select(tiny, _mm_set1_ps(standIn), inverse);
+        rays->inverse[a] = select(tiny, _mm_set1_ps(kel::packet::kZeroInverse), inverse);
         const __m128 t1 = _mm_mul_ps(_mm_sub_ps(lo, o), inverse);
         const __m128 t2 = _mm_mul_ps(_mm_sub_ps(hi, o), inverse);
         const __m128 entry = _mm_min_ps(t2, t1), exit = _mm_max_ps(t1, t2);
@@ -116,7 +116,8 @@ KelStatus traceOwnOriginRow(const float* const origin[3], const float* const dir
     const int live = startOwnOriginRays(&rays, origin, direction, pSceneBox, pDistance, hit,
                                         pTriangleId, lanes, &tNear, &tFar);
     const KelStatus status =
-        live ? kel::packet::traverse(rays, pTree, tNear, tFar, live) : KEL_STS_OK;
+        live ? kel::packet::traverseByOrder(rays, rays.negative, pTree, tNear, tFar, live)
+             : KEL_STS_OK;
     _mm_store_ps(pDistance, rays.distance);
     _mm_store_ps(hit[0], rays.u);
     _mm_store_ps(hit[1], rays.v);
