@@ -3,6 +3,7 @@
 // walk the kd-tree front to back with one skeleton; they differ in how a ray
 // is clipped before the walk, in the triangle test's precision and
 // thresholds, and in what ends a ray.
+#include "intersect/packet.h"
 #include "intersect/printersect.h"
 
 namespace {
@@ -377,9 +378,9 @@ KEL_API KelStatus kelrIntersectEyeSO_32f(const float origin[3], const float* con
                                          float* pDistance, float* const hit[2], int* pTriangleId,
                                          const IntersectContext* pContext, int width, int height) {
     if (localEyeFitsFourRays(direction, pDistance, hit, pTriangleId, width, height))
-        return ownIntersectEyeBlock(origin, direction, pContext->sceneBox, pContext->triangleAccel,
-                                    pContext->tree, pDistance, hit, pTriangleId, width,
-                                    height);  // four-ray driver's place
+        return ownIntersectEyeBlock4_w7(origin, direction, pContext->sceneBox,
+                                        pContext->triangleAccel, pContext->tree, pDistance, hit,
+                                        pTriangleId, width, height);
     return ownIntersectEyeBlock(origin, direction, pContext->sceneBox, pContext->triangleAccel,
                                 pContext->tree, pDistance, hit, pTriangleId, width, height);
 }
@@ -388,9 +389,9 @@ KEL_API KelStatus kelrIntersectMO_32f(const float* const origin[3], const float*
                                       float* pDistance, float* const hit[2], int* pTriangleId,
                                       const IntersectContext* pContext, int width, int height) {
     if (localOwnOriginFitsFourRays(origin, direction, pDistance, hit, pTriangleId, width, height))
-        return ownIntersectBlock(origin, direction, pContext->sceneBox, pContext->triangleAccel,
-                                 pContext->tree, pDistance, hit, pTriangleId, width,
-                                 height);  // four-ray driver's place
+        return ownIntersectBlock4_w7(origin, direction, pContext->sceneBox,
+                                     pContext->triangleAccel, pContext->tree, pDistance, hit,
+                                     pTriangleId, width, height);
     return ownIntersectBlock(origin, direction, pContext->sceneBox, pContext->triangleAccel,
                              pContext->tree, pDistance, hit, pTriangleId, width, height);
 }
@@ -399,8 +400,8 @@ KEL_API KelStatus kelrIntersectAnySO_32f(const float origin[3], const float* con
                                          int* pTriangleId, int* pMask, int width, int height,
                                          const IntersectContext* pContext) {
     if (localAnyFitsFourRays(direction, pTriangleId, pMask, width, height))
-        return ownIntersectAnyBlock(origin, direction, pContext->triangleAccel, pContext->tree,
-                                    pTriangleId, pMask, width, height);  // four-ray driver's place
+        return ownIntersectAnyBlock4_w7(origin, direction, pContext->triangleAccel,
+                                        pContext->tree, pTriangleId, pMask, width, height);
     return ownIntersectAnyBlock(origin, direction, pContext->triangleAccel, pContext->tree,
                                 pTriangleId, pMask, width, height);
 }
