@@ -1,0 +1,230 @@
+// The drivers' tiling, seen through recording kernels: which packet kernel
+// runs on which rays, with which lanes, in which order.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "intersect/packet.h"
+#include "scene.h"
+
+namespace {
+
+using kelt::Plane;
+using kelt::Planes3;
+
+struct Call {
+    char kind;  // '2': 4x2, '1': 4x1, 'n': nearest occluder, 'o': occluder pre-test
+    int ray;    // first ray (4x2, 4x1, pre-test) or the representative ray
+    int lanes;  // 4x1: lane mask; pre-test: triangle
+    bool operator==(const Call& o) const {
+        return kind == o.kind && ray == o.ray && lanes == o.lanes;
+    }
+};
+
+std::string show(const std::vector<Call>& calls) {
+    std::string s;
+    for (const Call& c : calls)
+        s += std::string(1, c.kind) + "@" + std::to_string(c.ray) + "/" + std::to_string(c.lanes) +
+             " ";
+    return s;
+}
+
+// Kernels that record their calls. The first call also records whether
+// every triangle id was -1 by then; the occluder pre-test marks the rays
+// listed in `shadowed` (-1 in the mask), as a real occluder would.
+struct Recorder {
+    int* ids = nullptr;
+    int* mask = nullptr;
+    int count = 0;
+    int occluder = -1;
+    std::vector<int> shadowed;
+    std::vector<Call> calls;
+    bool filledFirst = false;
+
+    void note(Call c) {
+        if (calls.empty()) {
+            filledFirst = true;
+            for (int i = 0; i < count; ++i) filledFirst = filledFirst && ids[i] == -1;
+        }
+        calls.push_back(c);
+    }
+    void trace4x2(int first) { note({'2', first, 0xF}); }
+    void trace4x1(int first, int lanes) { note({'1', first, lanes}); }
+    int nearestOccluder(int ray) {
+        note({'n', ray, 0});
+        return occluder;
+    }
+    void occluder4x4(int first, int triangle) {
+        note({'o', first, triangle});
+        for (int ray : shadowed) mask[ray] = -1;
+    }
+};
+
+// A block whose rays all point into octant 0 (+x, +y, +z); tests then turn
+// chosen rays into other octants.
+struct Block {
+    Block(int width, int height)
+        : width(width),
+          height(height),
+          dir(width * height, 1.0f),
+          ids(width * height, 7),
+          mask(width * height, 0) {
+        recorder.ids = ids.data();
+        recorder.mask = mask.data();
+        recorder.count = width * height;
+    }
+    void point(int ray, int octant) {
+        dir.x[ray] = octant & 1 ? -1.0f : 1.0f;
+        dir.y[ray] = octant & 2 ? -1.0f : 1.0f;
+        dir.z[ray] = octant & 4 ? -1.0f : 1.0f;
+    }
+    std::vector<Call> nearest() {
+        EXPECT_EQ(kel::packet::traceNearestTiles(recorder, dir.p, ids.data(), width, height),
+                  KEL_STS_OK);
+        return recorder.calls;
+    }
+    std::vector<Call> shadow() {
+        EXPECT_EQ(
+            kel::packet::traceShadowTiles(recorder, dir.p, ids.data(), mask.data(), width, height),
+            KEL_STS_OK);
+        return recorder.calls;
+    }
+    int width, height;
+    Planes3 dir;
+    Plane<int> ids, mask;
+    Recorder recorder;
+};
+
+TEST(PacketTiling, OneOctantTileMakesTwoEightRayCalls) {
+    Block b(4, 4);
+    EXPECT_EQ(show(b.nearest()), show({{'2', 0, 0xF}, {'2', 8, 0xF}}));
+    EXPECT_TRUE(b.recorder.filledFirst);
+
+    // -0.0 and NaN components count as not negative.
+    Block z(4, 4);
+    for (int i = 0; i < 16; ++i) {
+        z.dir.x[i] = -0.0f;
+        z.dir.y[i] = std::nanf("");
+        z.dir.z[i] = i % 2 ? -0.0f : 0.0f;
+    }
+    EXPECT_EQ(show(z.nearest()), show({{'2', 0, 0xF}, {'2', 8, 0xF}}));
+
+    // Any single octant, and the second call starts two rows further on.
+    Block w(8, 4);
+    for (int i = 0; i < 32; ++i) w.point(i, 6);
+    EXPECT_EQ(show(w.nearest()),
+              show({{'2', 0, 0xF}, {'2', 16, 0xF}, {'2', 4, 0xF}, {'2', 20, 0xF}}));
+}
+
+TEST(PacketTiling, MixedTileIsTracedRowByRowPerOctant) {
+    // First row into octant 1, the other three into octant 0: octant 0's
+    // rows first, then octant 1's.
+    Block b(4, 4);
+    for (int c = 0; c < 4; ++c) b.point(c, 1);
+    EXPECT_EQ(show(b.nearest()),
+              show({{'1', 4, 0xF}, {'1', 8, 0xF}, {'1', 12, 0xF}, {'1', 0, 0xF}}));
+
+    // A row whose rays fall into three octants is traced three times, each
+    // time with only that octant's lanes.
+    Block m(4, 4);
+    m.point(1, 3);
+    m.point(3, 5);
+    m.point(14, 5);
+    EXPECT_EQ(show(m.nearest()), show({{'1', 0, 0x5},
+                                       {'1', 4, 0xF},
+                                       {'1', 8, 0xF},
+                                       {'1', 12, 0xB},
+                                       {'1', 0, 0x2},
+                                       {'1', 0, 0x8},
+                                       {'1', 12, 0x4}}));
+}
+
+TEST(PacketTiling, TilesAreVisitedBandByBand) {
+    Block b(8, 8);
+    b.point(8 * 5 + 6, 7);  // tile (4, 4), row 1, column 2
+    EXPECT_EQ(show(b.nearest()), show({{'2', 0, 0xF},
+                                       {'2', 16, 0xF},
+                                       {'2', 4, 0xF},
+                                       {'2', 20, 0xF},
+                                       {'2', 32, 0xF},
+                                       {'2', 48, 0xF},
+                                       {'1', 36, 0xF},
+                                       {'1', 44, 0xB},
+                                       {'1', 52, 0xF},
+                                       {'1', 60, 0xF},
+                                       {'1', 44, 0x4}}));
+    EXPECT_TRUE(b.recorder.filledFirst);
+
+    // Blocks without rays call nothing.
+    for (int width : {0, -4}) {
+        Block e(4, 4);
+        EXPECT_EQ(kel::packet::traceNearestTiles(e.recorder, e.dir.p, e.ids.data(), width, 4),
+                  KEL_STS_OK);
+        EXPECT_EQ(kel::packet::traceShadowTiles(e.recorder, e.dir.p, e.ids.data(), e.mask.data(),
+                                                width, 4),
+                  KEL_STS_OK);
+        EXPECT_TRUE(e.recorder.calls.empty());
+        EXPECT_EQ(e.ids[0], 7);
+    }
+}
+
+TEST(PacketTiling, ShadowTilesTryTheCachedOccluderFirst) {
+    // The representative ray is the first active one of row 3, columns 0-3.
+    Block b(8, 4);
+    b.mask[24] = b.mask[25] = -1;
+    b.recorder.occluder = 42;
+    EXPECT_EQ(show(b.shadow()), show({{'n', 26, 0},
+                                      {'o', 0, 42},
+                                      {'2', 0, 0xF},
+                                      {'2', 16, 0xF},
+                                      {'o', 4, 42},
+                                      {'2', 4, 0xF},
+                                      {'2', 20, 0xF}}));
+    EXPECT_TRUE(b.recorder.filledFirst);
+
+    // Without an active ray there, no occluder is looked for or tried.
+    Block n(4, 4);
+    for (int c = 12; c < 16; ++c) n.mask[c] = -3;
+    n.recorder.occluder = 42;
+    EXPECT_EQ(show(n.shadow()), show({{'2', 0, 0xF}, {'2', 8, 0xF}}));
+
+    // A search that finds nothing leaves every tile to the kernels.
+    Block none(4, 4);
+    EXPECT_EQ(show(none.shadow()), show({{'n', 12, 0}, {'2', 0, 0xF}, {'2', 8, 0xF}}));
+}
+
+TEST(PacketTiling, ShadowTilesSkipWhatNeedsNoTracing) {
+    // Tile 0 wholly shadowed by the occluder, tile 1 inactive on entry,
+    // tile 2 partly shadowed: its survivors share octant 0 even though a
+    // shadowed ray points elsewhere, so they go as two eight-ray calls.
+    Block b(12, 4);
+    b.recorder.occluder = 5;
+    for (int row = 0; row < 4; ++row)
+        for (int c = 0; c < 4; ++c) {
+            b.recorder.shadowed.push_back(row * 12 + c);
+            b.mask[row * 12 + 4 + c] = -1;
+        }
+    b.recorder.shadowed.push_back(8);
+    b.point(8, 3);
+    EXPECT_EQ(show(b.shadow()),
+              show({{'n', 36, 0}, {'o', 0, 5}, {'o', 8, 5}, {'2', 8, 0xF}, {'2', 32, 0xF}}));
+
+    // Survivors of two octants: per octant and row, survivors' lanes only.
+    Block m(4, 4);
+    m.recorder.occluder = 5;
+    m.recorder.shadowed = {0, 5};
+    m.point(1, 1);
+    m.point(4, 1);
+    EXPECT_EQ(show(m.shadow()), show({{'n', 12, 0},
+                                      {'o', 0, 5},
+                                      {'1', 0, 0xC},
+                                      {'1', 4, 0xC},
+                                      {'1', 8, 0xF},
+                                      {'1', 12, 0xF},
+                                      {'1', 0, 0x2},
+                                      {'1', 4, 0x1}}));
+}
+
+}  // namespace
