@@ -25,6 +25,10 @@ struct Image {
 // 8-bit sRGB value of a linear intensity, clamped to [0, 1] first.
 unsigned char toSrgb8(float linear);
 
+// Whether path can be written: its folder exists or can be made, and may be
+// written to. Checked before a long render rather than after it.
+bool outputWritable(const std::string& path, std::string* error);
+
 // Writes an 8-bit RGB PNG, creating the file's folder if needed. False with a
 // message in *error when the file cannot be written.
 bool writePng(const Image& image, const std::string& path, std::string* error);

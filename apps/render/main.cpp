@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "camera.h"
 #include "default_scene.h"
+#include "image.h"
 #include "obj_loader.h"
 #include "options.h"
 #include "progress.h"
@@ -54,6 +56,14 @@ int run(const Options& options) {
     Scene scene;
     std::string error;
     if (!makeScene(options, &scene, &error)) return fail(error);
+
+    // Settle what can fail cheaply before the tree build and the render.
+    Camera camera;
+    if (!Camera::make(scene.camera, options.render.width, options.render.height, &camera))
+        return fail(
+            "the camera has no direction: the eye is on the target, or looks straight "
+            "along 'up'");
+    if (!outputWritable(options.out, &error)) return fail(error);
 
     const KelLibraryVersion* version = kelrGetLibVersion();
     std::fprintf(stderr, "kelr-render: %s %s, %d triangles, building the %s tree...\n",

@@ -3,6 +3,7 @@
 #include <tiny_obj_loader.h>
 
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <utility>
@@ -99,6 +100,8 @@ tinyobj::ObjReaderConfig readerConfig() {
 
 bool loadObjFile(const std::string& path, Mesh* mesh, std::string* error) {
     // Checked here because the reader's own message for a missing file is terse.
+    if (std::filesystem::is_directory(path))
+        return fail(error, "'" + path + "' is a folder, not an OBJ file");
     if (!std::ifstream(path)) return fail(error, "cannot open '" + path + "'");
     tinyobj::ObjReader reader;
     if (!reader.ParseFromFile(path, readerConfig()))

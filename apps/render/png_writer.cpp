@@ -1,4 +1,5 @@
 #include <png.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
@@ -53,10 +54,29 @@ bool encode(FILE* file, const std::vector<unsigned char>& rows, int width, int h
 
 }  // namespace
 
+bool outputWritable(const std::string& path, std::string* error) {
+    namespace fs = std::filesystem;
+    const fs::path folder =
+        fs::path(path).parent_path().empty() ? fs::path(".") : fs::path(path).parent_path();
+    std::error_code failure;
+    fs::create_directories(folder, failure);
+    if (failure) {
+        *error = "cannot write '" + path + "': " + failure.message();
+        return false;
+    }
+    if (fs::is_directory(path)) {
+        *error = "cannot write '" + path + "': it is a folder";
+        return false;
+    }
+    if (access(folder.c_str(), W_OK) != 0) {
+        *error = "cannot write '" + path + "': " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
 bool writePng(const Image& image, const std::string& path, std::string* error) {
-    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-    std::error_code ignored;
-    if (!folder.empty()) std::filesystem::create_directories(folder, ignored);
+    if (!outputWritable(path, error)) return false;
 
     std::unique_ptr<FILE, FileCloser> file(std::fopen(path.c_str(), "wb"));
     if (!file) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <stdexcept>
@@ -24,6 +25,16 @@ struct SharedWork {
     std::atomic<bool> failed{false};
     std::mutex errorLock;
     std::exception_ptr error;
+    // Wakes the progress loop as soon as the work ends, so that the measured
+    // time does not include the rest of its sleep.
+    std::mutex wakeLock;
+    std::condition_variable wake;
+
+    bool finished() const { return tilesDone == tilesTotal || failed; }
+    void wakeProgress() {
+        std::lock_guard<std::mutex> hold(wakeLock);
+        wake.notify_all();
+    }
 
     RayCounts rays() const { return {eyeRays.load(), shadowRays.load(), reflectionRays.load()}; }
 };
@@ -40,12 +51,15 @@ void work(const Scene& scene, const SceneAccel& accel, const Camera& camera,
             shared->eyeRays += rays.eye;
             shared->shadowRays += rays.shadow;
             shared->reflectionRays += rays.reflection;
-            ++shared->tilesDone;
+            if (++shared->tilesDone == shared->tilesTotal) shared->wakeProgress();
         }
     } catch (...) {
-        std::lock_guard<std::mutex> hold(shared->errorLock);
-        if (!shared->error) shared->error = std::current_exception();
-        shared->failed = true;
+        {
+            std::lock_guard<std::mutex> hold(shared->errorLock);
+            if (!shared->error) shared->error = std::current_exception();
+            shared->failed = true;
+        }
+        shared->wakeProgress();
     }
 }
 
@@ -79,9 +93,13 @@ RenderResult renderImage(const Scene& scene, const SceneAccel& accel, const Came
         if (progress)
             progress({shared.tilesDone.load(), shared.tilesTotal, elapsed(), shared.rays()});
     };
-    while (shared.tilesDone < shared.tilesTotal && !shared.failed) {
-        report();
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    {
+        std::unique_lock<std::mutex> lock(shared.wakeLock);
+        while (!shared.finished()) {
+            report();
+            shared.wake.wait_for(lock, std::chrono::milliseconds(100),
+                                 [&] { return shared.finished(); });
+        }
     }
     for (std::thread& worker : workers) worker.join();
     if (shared.error) std::rethrow_exception(shared.error);

@@ -49,7 +49,8 @@ std::string summaryText(const Scene& scene, const SceneAccel& accel, const Optio
             " reflection: " + withThousands(rays.total()) + " in all\n";
     text += "Render   " + std::to_string(result.image.width) + "x" +
             std::to_string(result.image.height) + ", " + std::to_string(options.render.bounces) +
-            " bounces, " + std::to_string(result.threads) + " threads: " +
+            " bounces, " + std::to_string(result.threads) +
+            (result.threads == 1 ? " thread: " : " threads: ") +
             format("%.2f s, %.2f Mrays/s\n", result.seconds,
                    result.seconds > 0.0 ? rays.total() / result.seconds * 1e-6 : 0.0);
     return text;

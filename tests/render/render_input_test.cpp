@@ -6,6 +6,8 @@
 #include <cstring>
 #include <vector>
 
+#include "camera.h"
+#include "image.h"
 #include "obj_loader.h"
 #include "options.h"
 #include "scene_accel.h"
@@ -148,6 +150,47 @@ TEST(SceneAccel, BudgetCoversTheBuildersFixedNeed) {
     const Mesh sphere = makeSphere({0, 0, 0}, 1.0f, 64, 32);
     SceneAccel accel(sphere, BuildSettings());
     EXPECT_GT(accel.stats().innerNodes, 0);
+}
+
+TEST(Camera, FindsThePixelOfAPointAndRefusesDirectionlessSetUps) {
+    CameraSetup setup;
+    setup.eye = {1.0f, 2.0f, 9.0f};
+    setup.lookAt = {0.0f, 0.5f, 0.0f};
+    Camera camera;
+    ASSERT_TRUE(Camera::make(setup, 96, 64, &camera));
+    // A point some way along pixel (70, 13)'s ray maps back to that pixel;
+    // the pixel checks of the image tests rely on this.
+    Vec3 point;
+    for (int k = 0; k < 3; ++k)
+        point[k] = camera.eye[k] +
+                   4.0f * (camera.corner[k] + 70 * camera.columnStep[k] + 13 * camera.rowStep[k]);
+    int column = -1, row = -1;
+    ASSERT_TRUE(camera.pixelOf(point, &column, &row));
+    EXPECT_EQ(column, 70);
+    EXPECT_EQ(row, 13);
+    // Row 0 is the top of the image: a point above the target has a smaller row.
+    ASSERT_TRUE(camera.pixelOf({0.0f, 1.5f, 0.0f}, &column, &row));
+    EXPECT_LT(row, 32);
+    EXPECT_FALSE(camera.pixelOf({1.0f, 2.0f, 20.0f}, &column, &row));  // behind the eye
+
+    setup.lookAt = setup.eye;
+    EXPECT_FALSE(Camera::make(setup, 96, 64, &camera));
+    setup.lookAt = {1.0f, -5.0f, 9.0f};  // straight down, along 'up'
+    EXPECT_FALSE(Camera::make(setup, 96, 64, &camera));
+}
+
+TEST(Output, RefusesFoldersAndUnwritablePlaces) {
+    std::string error;
+    EXPECT_FALSE(outputWritable("/tmp", &error));
+    EXPECT_NE(error.find("folder"), std::string::npos) << error;
+    EXPECT_FALSE(outputWritable("/proc/no/such/place.png", &error));
+    EXPECT_EQ(toSrgb8(0.0f), 0);
+    EXPECT_EQ(toSrgb8(1.0f), 255);
+    EXPECT_EQ(toSrgb8(7.0f), 255);  // clamped, not wrapped
+    EXPECT_EQ(toSrgb8(-1.0f), 0);
+    // The sRGB curve, not a plain 1/2.2 power (which gives 186 and 15).
+    EXPECT_EQ(toSrgb8(0.5f), 188);
+    EXPECT_EQ(toSrgb8(0.002f), 7);
 }
 
 // A packed block: the root splits into two leaves holding triangles {0, 1}
