@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "tile_buffers.h"
+
 namespace render {
 
 namespace {

@@ -7,9 +7,9 @@
 
 #include "camera.h"
 #include "image.h"
+#include "ray_counts.h"
 #include "scene.h"
 #include "scene_accel.h"
-#include "tile_buffers.h"
 #include "tile_renderer.h"
 
 namespace render {

@@ -5,6 +5,7 @@
 #define KELR_RENDER_SHADING_H
 
 #include "kelr.h"
+#include "ray_counts.h"
 #include "scene.h"
 #include "tile_buffers.h"
 

@@ -3,8 +3,6 @@
 #ifndef KELR_RENDER_TILE_BUFFERS_H
 #define KELR_RENDER_TILE_BUFFERS_H
 
-#include <cstdint>
-
 namespace render {
 
 constexpr int kTileSide = 16;
@@ -30,19 +28,6 @@ struct PlaneTriple {
     PlaneTriple& operator=(const PlaneTriple&) = delete;
     void copyFrom(const PlaneTriple& other);
     void fill(float value);
-};
-
-struct RayCounts {
-    int64_t eye = 0;
-    int64_t shadow = 0;
-    int64_t reflection = 0;
-    int64_t total() const { return eye + shadow + reflection; }
-    RayCounts& operator+=(const RayCounts& other) {
-        eye += other.eye;
-        shadow += other.shadow;
-        reflection += other.reflection;
-        return *this;
-    }
 };
 
 // Everything one thread needs to trace a tile; allocated once per thread.

@@ -7,6 +7,7 @@
 
 #include "camera.h"
 #include "image.h"
+#include "ray_counts.h"
 #include "scene.h"
 #include "scene_accel.h"
 #include "tile_buffers.h"
