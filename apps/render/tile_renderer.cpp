@@ -37,7 +37,11 @@ void TileRenderer::render(int tileX, int tileY, Image* image, RayCounts* rays) {
     findSurfaces();
     shadeAndAccumulate(rays);
     for (int bounce = 0; bounce < bounces_ && prepareBounce(); ++bounce) traceBounce(rays);
+    copyToImage(tileX, tileY, image);
+}
 
+void TileRenderer::copyToImage(int tileX, int tileY, Image* image) const {
+    const TileBuffers& t = *tile_;
     for (int row = 0; row < kTileSide; ++row) {
         const int y = tileY * kTileSide + row;
         if (y >= image->height) break;

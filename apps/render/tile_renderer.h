@@ -33,6 +33,7 @@ class TileRenderer {
     void shadeAndAccumulate(RayCounts* rays);
     void addSkyForMisses(const IntPlane& wasAlive);
     bool prepareBounce();
+    void copyToImage(int tileX, int tileY, Image* image) const;
 
     const Scene& scene_;
     const SceneAccel& accel_;
