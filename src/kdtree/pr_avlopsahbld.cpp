@@ -9,8 +9,7 @@ using namespace kel;
 namespace {
 
 // Memory a build needs before the first triangle: the 16 MiB head-room of the
-// patch store and the vertex store, the build state, and the two chunk
-// records the tree keeps while it is packed.
+// patch store and of the vertex store, the build state and two chunk records.
 constexpr uint32_t kFixedNeed =
     2 * kChunkDataBytes + uint32_t(sizeof(PsahBuildState)) + 2 * uint32_t(sizeof(PsahChunk));
 // Per triangle: its word in each scratch array and three patches' worth of
