@@ -77,6 +77,22 @@ TEST(RenderImage, ThreadCountDoesNotChangeThePicture) {
     EXPECT_EQ(one.rays.total(), three.rays.total());
 }
 
+TEST(RenderImage, EdgeTilesFillSizesThatAreNotMultiplesOfSixteen) {
+    // Everything in view is lit floor or bright sky, so an unwritten pixel
+    // would stay black.
+    const Scene scene = render_test::shadowScene(false);
+    RenderSettings settings = smallRender(0, 2);
+    settings.width = 37;
+    settings.height = 21;
+    const RenderResult result = renderWith(scene, TreeBuilder::kPsah, settings);
+    ASSERT_EQ(result.image.rgb.size(), 37u * 21u * 3u);
+    for (int row = 0; row < 21; ++row)
+        for (int column = 0; column < 37; ++column)
+            EXPECT_GT(brightness(result.image.pixel(column, row)), 0.1f) << column << "," << row;
+    // Whole 16 x 16 blocks are traced: 3 x 2 tiles.
+    EXPECT_EQ(result.rays.eye, 6 * 256);
+}
+
 TEST(RenderImage, FloorUnderTheOccluderIsInShadow) {
     const Scene blocked = render_test::shadowScene(true);
     const Scene open = render_test::shadowScene(false);
