@@ -45,8 +45,8 @@ struct AxisSplit {
     int32_t planarSide;
 };
 
-// A deferred left child and the pool positions to return to when it is
-// resumed.
+// A node with its box and depth, and the pool positions to return to when
+// it is taken up: the current node, or a deferred left child.
 struct PsahStackEntry {
     PsahBuildNode* node;
     float box[6];
@@ -78,8 +78,7 @@ void copyRecords(const T* src, T* dst, int count) {
                  count * int(sizeof(T) / sizeof(int32_t)));
 }
 
-// Marks left by a finished subtree's context may belong to another area;
-// those are not ours to rewind to.
+// A mark outside the pool (a null one, say) leaves it as it is.
 void rewindPool(PsahPool* pool, char* mark) {
     const uintptr_t m = uintptr_t(mark);
     if (m >= uintptr_t(pool->base) && m < uintptr_t(pool->end)) pool->cursor = mark;
@@ -143,6 +142,16 @@ struct BestCandidate {
         planarSide = side;
         found = true;
     }
+
+    // The side for planar patches is only this sweep's to report when it saw
+    // any.
+    void report(double reportedCost, bool withPlanarSide, AxisSplit* out) const {
+        out->cost = reportedCost;
+        out->position = position;
+        out->leftCount = left;
+        out->rightCount = right;
+        if (withPlanarSide) out->planarSide = planarSide;
+    }
 };
 
 // Cost of a split at x divided by the sum of the other two extents: each
@@ -180,11 +189,7 @@ void sweepAxis(const float* minima, const float* maxima, const float* planar, in
         best.offer(double(price(highest, total, 0)), highest, total, 0, kPlanar ? 0 : 1);
     if (best.found) {
         // Enough empty space pays more than any plane among the patches.
-        out->cost = best.cost * kEmptyBonus * double(otherSum);
-        out->position = best.position;
-        out->leftCount = best.left;
-        out->rightCount = best.right;
-        if (kPlanar) out->planarSide = best.planarSide;
+        best.report(best.cost * kEmptyBonus * double(otherSum), kPlanar, out);
         return;
     }
 
@@ -234,12 +239,7 @@ void sweepAxis(const float* minima, const float* maxima, const float* planar, in
         x = next;
     }
 
-    if (!best.found) return;
-    out->cost = best.cost * double(otherSum);
-    out->position = best.position;
-    out->leftCount = best.left;
-    out->rightCount = best.right;
-    if (kPlanar) out->planarSide = best.planarSide;
+    if (best.found) best.report(best.cost * double(otherSum), kPlanar, out);
 }
 
 // Ties go to the higher axis.
@@ -386,16 +386,17 @@ const float* crossingPoint(PsahBuildState* state, const float* p, const float* q
     return x;
 }
 
-KelStatus writePiece(PsahBuildState* state, const Chain& chain, uint32_t triangleBits,
-                     PsahPatch* out) {
-    KelStatus status = KEL_STS_OK;
-    const float** record = kel::takeVertexRecord(state, chain.count, &status);
-    if (!record) return status;
-    copyRecords(chain.vertex, record, chain.count);
-    out->head = triangleBits | uint32_t(chain.count);
-    out->mask = kel::extremeVertexMask(record, chain.count);
+// A record of the chain's size, filled with its vertex pointers.
+const float** recordOf(PsahBuildState* state, const Chain& chain, KelStatus* status) {
+    const float** record = kel::takeVertexRecord(state, chain.count, status);
+    if (record) copyRecords(chain.vertex, record, chain.count);
+    return record;
+}
+
+void fillPiece(PsahPatch* out, uint32_t triangleBits, const float** record, int count) {
+    out->head = triangleBits | uint32_t(count);
+    out->mask = kel::extremeVertexMask(record, count);
     out->vertices = record;
-    return KEL_STS_OK;
 }
 
 }  // namespace
@@ -450,11 +451,16 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
     // A triangle cut to boxes never has more corners; only rounding that
     // bent the polygon out of convexity could produce more.
     if (below.count > kMaxPieceVertices || above.count > kMaxPieceVertices) return KEL_STS_INTERNAL;
+    // Both records first: a failure leaves the output patches unwritten.
+    KelStatus status = KEL_STS_OK;
+    const float** leftRecord = recordOf(state, below, &status);
+    if (!leftRecord) return status;
+    const float** rightRecord = recordOf(state, above, &status);
+    if (!rightRecord) return status;
     const uint32_t triangleBits = patch->head & ~kel::kPatchCountMask;
     const float** oldRecord = patch->vertices;
-    KelStatus status = writePiece(state, below, triangleBits, left);
-    if (status == KEL_STS_OK) status = writePiece(state, above, triangleBits, right);
-    if (status != KEL_STS_OK) return status;
+    fillPiece(left, triangleBits, leftRecord, below.count);
+    fillPiece(right, triangleBits, rightRecord, above.count);
     kel::releaseVertexRecord(state, oldRecord, n);
     return KEL_STS_OK;
 }
@@ -534,15 +540,6 @@ bool fitsInPool(const PsahPool& pool, const char* from, int leftCount, int right
     return leftEnd < uintptr_t(pool.end) && rightEnd < uintptr_t(pool.end);
 }
 
-// The running state of the depth-first walk.
-struct Walk {
-    PsahBuildNode* node;
-    float box[6];
-    int depth;
-    char* patchMark;
-    char* vertexMark;
-};
-
 }  // namespace
 
 extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuildNode* root,
@@ -556,7 +553,7 @@ extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuil
     PsahStackEntry stack[kStackEntries];
     int stackSize = 0;
 
-    Walk w;
+    PsahStackEntry w;
     w.node = root;
     kelsCopy_32f(rootBox, w.box, 6);
     w.depth = 0;
