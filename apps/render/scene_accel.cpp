@@ -124,15 +124,18 @@ void SceneAccel::buildTree(const Mesh& mesh, const BuildSettings& settings) {
         kelrKDTreeBuildAlloc(&tree_, mesh.vertices.data(), mesh.triangles.data(),
                              mesh.vertexCount(), mesh.triangleCount(), &treeSize_, &build);
     buildSeconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (status == KEL_STS_OVERFLOW ||
-        (status == KEL_STS_NO_MEM && build.algorithm == KDT_BUILD_PSAH))
-        throw LibraryError(
-            "kelrKDTreeBuildAlloc", status,
-            "the PSAH memory budget of " + std::to_string(budgetMiB_) +
-                " MiB is too small for this mesh (" + std::to_string(mesh.triangleCount()) +
-                " triangles, " +
-                std::to_string(psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount())) +
-                " MiB recommended); raise it with --memory");
+    if (build.algorithm == KDT_BUILD_PSAH &&
+        (status == KEL_STS_OVERFLOW || status == KEL_STS_NO_MEM)) {
+        // OVERFLOW: the budget ran out during the build; NO_MEM: it is below
+        // what the builder sets aside before starting (or memory ran out).
+        const std::string recommended =
+            std::to_string(psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount()));
+        throw LibraryError("kelrKDTreeBuildAlloc", status,
+                           "the PSAH memory budget of " + std::to_string(budgetMiB_) +
+                               " MiB is too small for this mesh of " +
+                               std::to_string(mesh.triangleCount()) + " triangles (" + recommended +
+                               " MiB recommended); raise it with --memory");
+    }
     check(status, "kelrKDTreeBuildAlloc");
     try {
         stats_ = walkTree(tree_, treeSize_);
