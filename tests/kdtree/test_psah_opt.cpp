@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cfloat>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 #include <vector>
 
@@ -30,28 +29,27 @@ void countingFree(void* p) {
 struct Tri {
     float v[3][3];
 };
+Tri tri(float ax, float ay, float az, float bx, float by, float bz, float cx, float cy, float cz) {
+    return Tri{{{ax, ay, az}, {bx, by, bz}, {cx, cy, cz}}};
+}
 
-struct Leaf {
-    float box[6];
-    int depth;
-    std::vector<int> triangles;
+// Pre-order: every node's first two words, each leaf's triangles after them.
+struct Tree {
+    std::vector<int32_t> words;
+    std::vector<int> axes;
+    std::vector<std::vector<int>> leaves;
 };
 
-// A build state holding the given triangles as patches of the root, the way
-// the driver leaves it: root patches, then free room, in the patch pool.
+// A build state as the driver leaves it: the root's patches at the start of
+// the patch pool, every record from the state's chunk lists.
 class PsahOpt : public ::testing::Test {
   protected:
-    void SetUp() override {
-        i_malloc = countingMalloc;
-        i_free = countingFree;
-    }
+    void SetUp() override { i_malloc = countingMalloc, i_free = countingFree; }
     void TearDown() override {
         release();
-        i_malloc = malloc;
-        i_free = free;
+        i_malloc = malloc, i_free = free;
     }
 
-    // Returns every block of the previous build; nothing may stay behind.
     void release() {
         if (built) {
             releaseChunks(&state.nodeChunks);
@@ -65,135 +63,96 @@ class PsahOpt : public ::testing::Test {
         EXPECT_EQ(g_liveBlocks, 0) << "leaked blocks";
     }
 
-    static PsahPool makePool(size_t bytes) {
+    static PsahPool pool(size_t bytes) {
         char* base = reinterpret_cast<char*>(kelsMalloc_32s(int(bytes / 4)));
         return PsahPool{base, base + bytes, base};
     }
 
-    // Patch i is triangle numbers[i] (i by default).
+    // Patch i is triangle numbers[i] (i by default); the box is the bounds.
     void prepare(const std::vector<Tri>& tris, std::vector<int> numbers = {},
                  size_t vertexPoolPoints = 1 << 16) {
         release();
         const int n = int(tris.size());
-        mesh.assign(tris.size() * 9, 0.0f);
-        std::memcpy(mesh.data(), tris.data(), mesh.size() * sizeof(float));
+        mesh = tris;
         state = PsahBuildState{};
         state.budget = state.totalBudget = 0xFFFFFFFFu;
-        state.vertexBegin = mesh.data();
-        state.vertexEnd = state.vertexLimit = mesh.data() + mesh.size();
-        state.patchPool = makePool(size_t(64 * n + 4096) * sizeof(PsahPatch));
-        state.vertexPool = makePool(vertexPoolPoints * 12);
+        state.patchPool = pool(size_t(64 * n + 4096) * sizeof(PsahPatch));
+        state.vertexPool = pool(vertexPoolPoints * 12);
         for (float*& s : state.scratch) s = reinterpret_cast<float*>(kelsMalloc_32s(n));
         initChunkList(&state.nodeChunks);
         initChunkList(&state.indexChunks);
         initChunkList(&state.recordChunks);
         built = true;
-
         auto* patches =
             static_cast<PsahPatch*>(takeFromPool(&state.patchPool, n * sizeof(PsahPatch)));
+        std::copy_n(mesh[0].v[0], 3, box);
+        std::copy_n(mesh[0].v[0], 3, box + 3);
         for (int i = 0; i < n; ++i) {
             KelStatus st = KEL_STS_OK;
             const float** record = takeVertexRecord(&state, 3, &st);
-            for (int k = 0; k < 3; ++k) record[k] = &mesh[9 * i + 3 * k];
-            int number = numbers.empty() ? i : numbers[i];
-            patches[i] = PsahPatch{uint32_t(number) << 5 | 3, extremeVertexMask(record, 3), record};
+            for (int k = 0; k < 3; ++k) {
+                record[k] = mesh[i].v[k];
+                for (int a = 0; a < 3; ++a) {
+                    box[a] = std::min(box[a], mesh[i].v[k][a]);
+                    box[a + 3] = std::max(box[a + 3], mesh[i].v[k][a]);
+                }
+            }
+            const uint32_t number = numbers.empty() ? i : numbers[i];
+            patches[i] = PsahPatch{number << 5 | 3, extremeVertexMask(record, 3), record};
         }
         root = PsahBuildNode{};
         root.kind = kPsahLeaf;
         root.count = n;
         root.patches = patches;
-        for (int a = 0; a < 3; ++a) {
-            box[a] = FLT_MAX;
-            box[a + 3] = -FLT_MAX;
-            for (size_t k = a; k < mesh.size(); k += 3) {
-                box[a] = std::min(box[a], mesh[k]);
-                box[a + 3] = std::max(box[a + 3], mesh[k]);
-            }
-        }
     }
 
     KelStatus run(float weight, int maxDepth) {
         return ownOptimizationPSAH(&state, &root, weight, maxDepth, box);
     }
 
-    void collect(const PsahBuildNode* node, const float* nodeBox, int depth) {
-        if (node->kind == kPsahLeaf) {
-            Leaf leaf{{}, depth, {}};
-            std::copy(nodeBox, nodeBox + 6, leaf.box);
-            if (node->count > 0)
-                leaf.triangles.assign(node->triangles, node->triangles + node->count);
-            leaves.push_back(leaf);
+    static void walk(const PsahBuildNode* node, Tree* t) {
+        t->words.insert(t->words.end(), {node->kind, node->count});
+        if (node->kind != kPsahLeaf) {
+            t->axes.push_back(node->kind);
+            walk(&node->children[0], t);
+            walk(&node->children[1], t);
             return;
         }
-        float childBox[6];
-        std::copy(nodeBox, nodeBox + 6, childBox);
-        childBox[node->kind + 3] = node->split;
-        collect(&node->children[0], childBox, depth + 1);
-        std::copy(nodeBox, nodeBox + 6, childBox);
-        childBox[node->kind] = node->split;
-        collect(&node->children[1], childBox, depth + 1);
+        t->leaves.emplace_back(node->triangles, node->triangles + node->count);
+        t->words.insert(t->words.end(), t->leaves.back().begin(), t->leaves.back().end());
     }
-    std::vector<Leaf>& treeLeaves() {
-        leaves.clear();
-        collect(&root, box, 0);
-        return leaves;
-    }
-    // Every inner node's axis, pre-order.
-    static void splitAxes(const PsahBuildNode* node, std::vector<int>* axes) {
-        if (node->kind == kPsahLeaf) return;
-        axes->push_back(node->kind);
-        splitAxes(&node->children[0], axes);
-        splitAxes(&node->children[1], axes);
-    }
-    // The tree as words, pre-order, for byte-exact comparison.
-    static void serialise(const PsahBuildNode* node, std::vector<int32_t>* out) {
-        out->push_back(node->kind);
-        out->push_back(node->count);  // the split's bits for an inner node
-        if (node->kind == kPsahLeaf) {
-            if (node->count > 0)
-                out->insert(out->end(), node->triangles, node->triangles + node->count);
-            return;
-        }
-        serialise(&node->children[0], out);
-        serialise(&node->children[1], out);
+    Tree tree() const {
+        Tree t;
+        walk(&root, &t);
+        return t;
     }
 
-    std::vector<float> mesh;
+    std::vector<Tri> mesh;
     PsahBuildState state;
     PsahBuildNode root;
     float box[6];
-    std::vector<Leaf> leaves;
     bool built = false;
 };
 
-Tri tri(float ax, float ay, float az, float bx, float by, float bz, float cx, float cy, float cz) {
-    return Tri{{{ax, ay, az}, {bx, by, bz}, {cx, cy, cz}}};
-}
-
-// Random triangles in the unit cube. Every seventh lies in a plane z = c:
-// c = 0.5 or 0.25 when planar is 1, and c = 0.5 or the lower face when it
-// is 2.
+// Random triangles inside a cube-spanning one. Every seventh lies in a plane
+// z = c: c = 0.5 or 0.25 when planar is 1, 0.5 or the lower face when it is 2.
 std::vector<Tri> soup(int n, unsigned seed, int planar = 2) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> u(0.15f, 0.85f), d(-0.15f, 0.15f);
-    std::vector<Tri> tris;
+    std::vector<Tri> tris(n);
     for (int i = 0; i < n; ++i) {
-        float c[3] = {u(rng), u(rng), u(rng)};
-        Tri t;
-        for (auto& v : t.v)
+        const float c[3] = {u(rng), u(rng), u(rng)};
+        for (auto& v : tris[i].v)
             for (int a = 0; a < 3; ++a) v[a] = c[a] + d(rng);
         if (planar > 0 && i % 7 == 0)
-            for (auto& v : t.v) v[2] = i % 14 ? 0.5f : planar == 1 ? 0.25f : 0.0f;
-        tris.push_back(t);
+            for (auto& v : tris[i].v) v[2] = i % 14 ? 0.5f : planar == 1 ? 0.25f : 0.0f;
     }
-    tris.push_back(tri(0, 0, 0, 1, 1, 1, 0, 1, 0));  // spans the cube
+    tris.push_back(tri(0, 0, 0, 1, 1, 1, 0, 1, 0));
     return tris;
 }
 
-// ---------------------------------------------------------------------------
-// Brute force: every distinct event value of an axis, with sides counted by
-// the distribution rule, priced in Real and compared in double.
-
+// Brute force over every distinct event value of an axis, with the sides
+// counted by the distribution rule, priced in Real and compared in double.
 struct Choice {
     double cost;
     float position;
@@ -203,57 +162,46 @@ struct Choice {
 template <typename Real>
 Choice bruteForceAxis(const std::vector<Tri>& tris, const float* box, int a, double leafCost,
                       bool emptySpaceRule = true) {
-    const int o1 = (a + 1) % 3, o2 = (a + 2) % 3;  // the same pair in either order
+    const int o1 = (a + 1) % 3, o2 = (a + 2) % 3;
     const float lo = box[a], hi = box[a + 3], e1 = box[o1 + 3] - box[o1],
                 e2 = box[o2 + 3] - box[o2];
     Choice best{leafCost, 0, 0, 0};
     if (!(hi - lo > 1e-5f && (e1 > 1e-5f || e2 > 1e-5f))) return best;
     std::vector<float> mins, maxs, events;
+    float lowest = FLT_MAX, highest = -FLT_MAX, planarLowest = FLT_MAX, planarHighest = -FLT_MAX;
     for (const Tri& t : tris) {
-        mins.push_back(std::min({t.v[0][a], t.v[1][a], t.v[2][a]}));
-        maxs.push_back(std::max({t.v[0][a], t.v[1][a], t.v[2][a]}));
-        events.push_back(mins.back());
-        events.push_back(maxs.back());
+        const float mn = std::min({t.v[0][a], t.v[1][a], t.v[2][a]});
+        const float mx = std::max({t.v[0][a], t.v[1][a], t.v[2][a]});
+        mins.push_back(mn), maxs.push_back(mx), events.push_back(mn), events.push_back(mx);
+        float& low = mn == mx ? planarLowest : lowest;
+        float& high = mn == mx ? planarHighest : highest;
+        low = std::min(low, mn), high = std::max(high, mx);
     }
+    if (lowest == FLT_MAX) lowest = lo, highest = hi;
+    lowest = std::min(lowest, planarLowest), highest = std::max(highest, planarHighest);
     const int total = int(tris.size());
     const Real sum = Real(e1) + Real(e2), prod = Real(e1) * Real(e2);
     const Real r = double(prod) >= 1e-9 ? prod / sum : Real(0);
-    auto price = [&](float x, int l, int rr) {
-        return double(Real(float(l)) * ((Real(x) - Real(lo)) + r) +
-                      Real(float(rr)) * ((Real(hi) - Real(x)) + r));
+    auto price = [&](float x, int l, int rr, Real bonus = 1) {
+        return double((Real(float(l)) * ((Real(x) - Real(lo)) + r) +
+                       Real(float(rr)) * ((Real(hi) - Real(x)) + r)) *
+                      bonus);
     };
-    double bestRaw = DBL_MAX;
+    double raw = DBL_MAX;
     auto offer = [&](double c, float x, int l, int rr) {
-        if (c < bestRaw) bestRaw = c, best = Choice{0, x, l, rr};
+        if (c < raw) raw = c, best = Choice{0, x, l, rr};
     };
-    float lowest = FLT_MAX, highest = -FLT_MAX, planarLowest = FLT_MAX, planarHighest = -FLT_MAX;
-    for (size_t i = 0; i < mins.size(); ++i) {
-        float& low = mins[i] == maxs[i] ? planarLowest : lowest;
-        float& high = mins[i] == maxs[i] ? planarHighest : highest;
-        low = std::min(low, mins[i]);
-        high = std::max(high, maxs[i]);
-    }
-    if (lowest == FLT_MAX) lowest = lo, highest = hi;
-    lowest = std::min(lowest, planarLowest);
-    highest = std::max(highest, planarHighest);
     const float tenth = (hi - lo) * 0.1f;
     if (emptySpaceRule && lowest - lo > tenth) offer(price(lowest, 0, total), lowest, 0, total);
     if (emptySpaceRule && hi - highest > tenth) offer(price(highest, total, 0), highest, total, 0);
-    if (bestRaw < DBL_MAX) {
-        best.cost = bestRaw * 0.699999988079071 * double(sum);
-        return best;
-    }
-    int planarLo = 0, planarHi = 0;
+    if (raw < DBL_MAX) return best.cost = raw * 0.699999988079071 * double(sum), best;
+    int onLo = 0, onHi = 0;
     for (size_t i = 0; i < mins.size(); ++i) {
-        planarLo += mins[i] == maxs[i] && mins[i] == lo;
-        planarHi += mins[i] == maxs[i] && mins[i] == hi;
+        onLo += mins[i] == maxs[i] && mins[i] == lo;
+        onHi += mins[i] == maxs[i] && mins[i] == hi;
     }
-    if (planarLo)
-        offer(double(Real(price(lo, planarLo, total - planarLo)) * Real(0.7f)), lo, planarLo,
-              total - planarLo);
-    if (planarHi)
-        offer(double(Real(price(hi, total - planarHi, planarHi)) * Real(0.7f)), hi,
-              total - planarHi, planarHi);
+    if (onLo) offer(price(lo, onLo, total - onLo, 0.7f), lo, onLo, total - onLo);
+    if (onHi) offer(price(hi, total - onHi, onHi, 0.7f), hi, total - onHi, onHi);
     std::sort(events.begin(), events.end());
     events.erase(std::unique(events.begin(), events.end()), events.end());
     for (float x : events) {
@@ -271,11 +219,10 @@ Choice bruteForceAxis(const std::vector<Tri>& tris, const float* box, int a, dou
         offer(price(x, l, rr + onPlane), x, l, rr + onPlane);
         if (onPlane) offer(price(x, l + onPlane, rr), x, l + onPlane, rr);
     }
-    best.cost = bestRaw * double(sum);
-    return best;
+    return best.cost = raw * double(sum), best;
 }
 
-// The split the search must choose for the root, or axis -1.
+// The root's split, or -1 for a leaf.
 template <typename Real>
 int bruteForceSplit(const std::vector<Tri>& tris, const float* box, float weight, Choice* out) {
     const double dx = box[3] - box[0], dy = box[4] - box[1], dz = box[5] - box[2];
@@ -290,66 +237,62 @@ int bruteForceSplit(const std::vector<Tri>& tris, const float* box, float weight
 }
 
 TEST_F(PsahOpt, MaxDepthZeroGivesOneLeafInPatchOrder) {
-    prepare(soup(40, 1),
-            {7,  3,  5,  0,  39, 38, 1,  2,  9,  4,  6,  8,  10, 11, 12, 13, 14, 15, 16, 17, 18,
-             19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 40});
+    std::vector<int> numbers(41);
+    for (int i = 0; i < 41; ++i) numbers[i] = (i * 17) % 41;
+    prepare(soup(40, 1), numbers);
     ASSERT_EQ(run(1.0f, 0), KEL_STS_OK);
-    ASSERT_EQ(root.kind, kPsahLeaf);
-    ASSERT_EQ(root.count, 41);
-    EXPECT_EQ(std::vector<int>(root.triangles, root.triangles + 4), (std::vector<int>{7, 3, 5, 0}));
-    EXPECT_EQ(root.triangles[40], 40);
-    EXPECT_NE(state.freeRecords[3], nullptr) << "records go back to the free list";
+    EXPECT_EQ(tree().leaves, std::vector<std::vector<int>>{numbers});
+    EXPECT_NE(state.freeRecords[3], nullptr) << "leaf records go back to the free list";
 }
 
 TEST_F(PsahOpt, SmallAndWideNodesChooseTheBruteForceSplit) {
-    for (int n : {30, 74, 120, 400}) {
+    for (int n : {30, 74, 120, 400}) {  // 400: sorted by the radix sort
         for (int planar : {0, 1, 2}) {
-            const float weight = planar == 1 ? 0.0f : 1.0f;
-            std::vector<Tri> tris = soup(n, unsigned(n + planar), planar);
-            prepare(tris);
-            Choice expected;
-            const int axis = n + 1 > 75 ? bruteForceSplit<double>(tris, box, weight, &expected)
-                                        : bruteForceSplit<float>(tris, box, weight, &expected);
-            ASSERT_EQ(run(weight, 1), KEL_STS_OK);
             SCOPED_TRACE(testing::Message() << "n = " << n << ", planar " << planar);
-            if (axis < 0) {
-                EXPECT_EQ(root.kind, kPsahLeaf);
-            } else {
-                ASSERT_EQ(root.kind, axis);
-                EXPECT_EQ(root.split, expected.position);
-                EXPECT_EQ(root.children[0].count, expected.left);
-                EXPECT_EQ(root.children[1].count, expected.right);
-            }
+            const float weight = planar == 1 ? 0.0f : 1.0f;
+            const std::vector<Tri> tris = soup(n, unsigned(n + planar), planar);
+            prepare(tris);
+            Choice want;
+            const int axis = n + 1 > 75 ? bruteForceSplit<double>(tris, box, weight, &want)
+                                        : bruteForceSplit<float>(tris, box, weight, &want);
+            ASSERT_EQ(run(weight, 1), KEL_STS_OK);
+            ASSERT_EQ(root.kind, axis < 0 ? kPsahLeaf : axis);
+            if (axis < 0) continue;
+            EXPECT_EQ(root.split, want.position);
+            EXPECT_EQ(root.children[0].count, want.left);
+            EXPECT_EQ(root.children[1].count, want.right);
         }
     }
 }
 
-// Every triangle of a cube-symmetric set prices the same on all axes: the
-// tie goes to z. Mirrored in x and y only, with z spanning the box, to y.
+// A set closed under rotating the axes prices alike on all three: the tie
+// goes to z. Mirrored between x and y, with z spanning the box, it goes to y;
+// mirrored between x and z, with y spanning, to z.
 TEST_F(PsahOpt, AxisTiesGoToTheHigherAxis) {
     for (int copies : {2, 30}) {  // small and wide nodes
-        std::vector<Tri> tris;
-        for (int i = 0; i < copies; ++i) {
-            float o = 0.7f * float(i % 2);
-            Tri t = tri(o, o, o, o + 0.3f, o + 0.1f, o + 0.2f, o + 0.1f, o + 0.3f, o);
-            for (int rot = 0; rot < 3; ++rot)
-                tris.push_back(tri(t.v[0][rot], t.v[0][(rot + 1) % 3], t.v[0][(rot + 2) % 3],
-                                   t.v[1][rot], t.v[1][(rot + 1) % 3], t.v[1][(rot + 2) % 3],
-                                   t.v[2][rot], t.v[2][(rot + 1) % 3], t.v[2][(rot + 2) % 3]));
+        std::vector<Tri> rotated, mirrored;
+        for (int i = 0; i < 3 * copies; ++i) {
+            const float o = 0.7f * float(i % 2),
+                        p[3][3] = {
+                            {o, o, o}, {o + 0.3f, o + 0.1f, o + 0.2f}, {o + 0.1f, o + 0.3f, o}};
+            const int s = i % 3;  // rotation
+            rotated.push_back(tri(p[0][s], p[0][(s + 1) % 3], p[0][(s + 2) % 3], p[1][s],
+                                  p[1][(s + 1) % 3], p[1][(s + 2) % 3], p[2][s], p[2][(s + 1) % 3],
+                                  p[2][(s + 2) % 3]));
+            mirrored.push_back(tri(o, o + 0.1f, 0, o + 0.3f, o, 1, o + 0.2f, o + 0.3f, 0.5f));
+            mirrored.push_back(tri(o + 0.1f, o, 0, o, o + 0.3f, 1, o + 0.3f, o + 0.2f, 0.5f));
         }
-        prepare(tris);
+        prepare(rotated);
         ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
         EXPECT_EQ(root.kind, 2) << copies;
-
-        tris.clear();
-        for (int i = 0; i < 3 * copies; ++i) {
-            float o = 0.7f * float(i % 2);
-            tris.push_back(tri(o, o + 0.1f, 0, o + 0.3f, o, 1, o + 0.2f, o + 0.3f, 0.5f));
-            tris.push_back(tri(o + 0.1f, o, 0, o, o + 0.3f, 1, o + 0.3f, o + 0.2f, 0.5f));
-        }
-        prepare(tris);
+        prepare(mirrored);
         ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
         EXPECT_EQ(root.kind, 1) << copies;
+        for (Tri& t : mirrored)
+            for (auto& v : t.v) std::swap(v[1], v[2]);
+        prepare(mirrored);
+        ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
+        EXPECT_EQ(root.kind, 2) << copies;
     }
 }
 
@@ -360,8 +303,7 @@ TEST_F(PsahOpt, FlatBoxesNeverSplitOnTheirFlatAxis) {
             for (auto& v : t.v) v[2] = 0.25f;
         prepare(tris);
         ASSERT_EQ(run(1.0f, 20), KEL_STS_OK);
-        std::vector<int> axes;
-        splitAxes(&root, &axes);
+        const std::vector<int> axes = tree().axes;
         EXPECT_GT(axes.size(), 3u);
         EXPECT_EQ(std::count(axes.begin(), axes.end(), 2), 0);
 
@@ -373,8 +315,10 @@ TEST_F(PsahOpt, FlatBoxesNeverSplitOnTheirFlatAxis) {
     }
 }
 
-// A floor at z = 0 under patches that span the box in x and y.
-TEST_F(PsahOpt, PlanarPatchesAtTheLowerFaceSplitIntoAFlatLeftChild) {
+// A floor at z = 0 splits off into a flat left child. Planar patches in the
+// middle of the box price the same on both sides of a plane through them;
+// the right side, priced first, wins.
+TEST_F(PsahOpt, PlanarPatches) {
     std::vector<Tri> tris = {tri(0, 0, 0, 1, 0, 0, 1, 1, 0), tri(0, 0, 0, 1, 1, 0, 0, 1, 0)};
     for (int i = 0; i < 8; ++i)
         tris.push_back(tri(0, 0, 0.05f, 1, 1, 0.05f + 0.1f * i, 0.5f, 0.5f, 1));
@@ -382,14 +326,24 @@ TEST_F(PsahOpt, PlanarPatchesAtTheLowerFaceSplitIntoAFlatLeftChild) {
     ASSERT_EQ(run(1.0f, 20), KEL_STS_OK);
     ASSERT_EQ(root.kind, 2);
     EXPECT_EQ(root.split, 0.0f);
-    const std::vector<Leaf>& l = treeLeaves();
-    EXPECT_EQ(l[0].box[5], 0.0f);
-    EXPECT_EQ(l[0].triangles, (std::vector<int>{0, 1}));
+    EXPECT_EQ(tree().leaves[0], (std::vector<int>{0, 1}));
+
+    tris.clear();
+    for (int i = 0; i < 3; ++i) {
+        tris.push_back(tri(0, 0, 0, 1, 1, 0.5f, 0, 1, 0.2f));
+        tris.push_back(tri(0, 0, 0.5f, 1, 1, 1, 0, 1, 0.7f));
+        tris.push_back(tri(0, 0, 0.5f, 1, 1, 0.5f, 0, 1, 0.5f));
+    }
+    prepare(tris);
+    ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
+    ASSERT_EQ(root.kind, 2);
+    EXPECT_EQ(root.split, 0.5f);
+    EXPECT_EQ(tree().leaves, (std::vector<std::vector<int>>{{0, 3, 6}, {1, 2, 4, 5, 7, 8}}));
 }
 
-// Two slabs in z, the upper one ending just over a tenth below the box top:
-// the top is cut off at once, although a plane between the slabs is cheaper.
 TEST_F(PsahOpt, EmptySpaceBeyondATenthIsCutOffWithoutASweep) {
+    // Two slabs in z with the box top just over a tenth above the upper one:
+    // the top goes although a plane between the slabs would be cheaper.
     std::vector<Tri> tris;
     for (int i = 0; i < 4; ++i) {
         tris.push_back(tri(0, 0, 0, 0.01f, 0.01f, 0.1f, 0, 0.01f, 0.05f));
@@ -397,9 +351,8 @@ TEST_F(PsahOpt, EmptySpaceBeyondATenthIsCutOffWithoutASweep) {
     }
     prepare(tris);
     box[5] = 1.0f;
-    const Choice cut = bruteForceAxis<float>(tris, box, 2, DBL_MAX);
-    const Choice sweep = bruteForceAxis<float>(tris, box, 2, DBL_MAX, false);
-    EXPECT_LT(sweep.cost, cut.cost);
+    EXPECT_LT(bruteForceAxis<float>(tris, box, 2, DBL_MAX, false).cost,
+              bruteForceAxis<float>(tris, box, 2, DBL_MAX).cost);
     ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
     ASSERT_EQ(root.kind, 2);
     EXPECT_EQ(root.split, 0.89f);
@@ -414,75 +367,50 @@ TEST_F(PsahOpt, EmptySpaceBeyondATenthIsCutOffWithoutASweep) {
     };
     for (Case c :
          {Case{0, 9, kPsahLeaf}, Case{1, 10, kPsahLeaf}, Case{0, 8.9f, 2}, Case{1.1f, 10, 2}}) {
-        tris.assign(4, tri(0, 0, c.bottom, 1, 1, c.top, 0, 1, 4.5f));
-        prepare(tris);
-        box[2] = 0.0f;
-        box[5] = 10.0f;
+        prepare(std::vector<Tri>(4, tri(0, 0, c.bottom, 1, 1, c.top, 0, 1, 4.5f)));
+        box[2] = 0.0f, box[5] = 10.0f;
         ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
         ASSERT_EQ(root.kind, c.kind) << c.bottom << " " << c.top;
         if (c.kind == kPsahLeaf) continue;
         const bool lowEnd = c.bottom > 0;
         EXPECT_EQ(root.split, lowEnd ? c.bottom : c.top);
         EXPECT_EQ(root.children[lowEnd ? 0 : 1].count, 0);
-        EXPECT_EQ(root.children[lowEnd ? 1 : 0].count, 4);
     }
-}
-
-// Planar patches in the middle of the box price the same on either side of
-// a plane through them: the right side, priced first, wins.
-TEST_F(PsahOpt, PlanarTieAtOnePositionGoesRight) {
-    std::vector<Tri> tris;
-    for (int i = 0; i < 3; ++i) {
-        tris.push_back(tri(0, 0, 0, 1, 1, 0.5f, 0, 1, 0.2f));
-        tris.push_back(tri(0, 0, 0.5f, 1, 1, 1, 0, 1, 0.7f));
-        tris.push_back(tri(0, 0, 0.5f, 1, 1, 0.5f, 0, 1, 0.5f));
-    }
-    prepare(tris);
-    ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
-    ASSERT_EQ(root.kind, 2);
-    EXPECT_EQ(root.split, 0.5f);
-    const std::vector<Leaf>& l = treeLeaves();
-    EXPECT_EQ(l[0].triangles, (std::vector<int>{0, 3, 6}));
-    EXPECT_EQ(l[1].triangles, (std::vector<int>{1, 2, 4, 5, 7, 8}));
 }
 
 // The triangle (0,0,0), (2,0,0), (0,2,0) is cut at x = 1 between two
-// clusters; the pieces are found through the free lists the leaves fill.
+// clusters. Its pieces end up on the free lists when the leaves are made,
+// where each record's first word has become the list link.
 TEST_F(PsahOpt, StraddlingPatchIsCutIntoTwoPieces) {
     std::vector<Tri> tris = {tri(0, 0, 0, 2, 0, 0, 0, 2, 0)};
     for (int i = 0; i < 2; ++i) {
         tris.push_back(tri(0, 0, 0, 1, 0, 0, 0.5f, 2, 0));
         tris.push_back(tri(1, 0, 0, 2, 0, 0, 1.5f, 2, 0));
     }
-    for (size_t points : {size_t(2), size_t(1)}) {
-        prepare(tris, {}, points + 1);  // the pool keeps its last entry unused
-        char* vertexBase = state.vertexPool.base;
-        if (points == 1) {
-            EXPECT_EQ(run(1.0f, 1), KEL_STS_OVERFLOW);
-            break;
-        }
-        ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
-        ASSERT_EQ(root.kind, 0);
-        EXPECT_EQ(root.split, 1.0f);
-        const std::vector<Leaf>& l = treeLeaves();
-        EXPECT_EQ(l[0].triangles, (std::vector<int>{0, 1, 3}));
-        EXPECT_EQ(l[1].triangles, (std::vector<int>{0, 2, 4}));
-        const float* x1 = reinterpret_cast<float*>(vertexBase);
-        const float* x2 = x1 + 3;
-        EXPECT_EQ(std::vector<float>(x1, x1 + 6), (std::vector<float>{1, 0, 0, 1, 1, 0}));
-        // Left piece: (0,0,0), X1, X2, (0,2,0). Its first word now links the
-        // free list.
-        const float** left = state.freeRecords[4];
-        ASSERT_NE(left, nullptr);
-        EXPECT_EQ(left[1], x1);
-        EXPECT_EQ(left[2], x2);
-        EXPECT_EQ(left[3], &mesh[6]);
-        EXPECT_EQ(*nextFreeRecord(left), nullptr) << "one four-vertex piece";
-        bool rightFound = false;  // X1, (2,0,0), X2
-        for (const float** r = state.freeRecords[3]; r; r = *nextFreeRecord(r))
-            rightFound |= r[1] == &mesh[3] && r[2] == x2;
-        EXPECT_TRUE(rightFound);
-    }
+    prepare(tris, {}, 2);  // room for one new point: the last entry stays unused
+    EXPECT_EQ(run(1.0f, 1), KEL_STS_OVERFLOW);
+
+    prepare(tris, {}, 3);
+    const float** cutRecord = root.patches[0].vertices;
+    ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
+    ASSERT_EQ(root.kind, 0);
+    EXPECT_EQ(root.split, 1.0f);
+    EXPECT_EQ(tree().leaves, (std::vector<std::vector<int>>{{0, 1, 3}, {0, 2, 4}}));
+    const float* x1 = reinterpret_cast<float*>(state.vertexPool.base);
+    const float* x2 = x1 + 3;
+    EXPECT_EQ(std::vector<float>(x1, x1 + 6), (std::vector<float>{1, 0, 0, 1, 1, 0}));
+    const float** left = state.freeRecords[4];  // (0,0,0), X1, X2, (0,2,0)
+    ASSERT_NE(left, nullptr);
+    EXPECT_EQ(*nextFreeRecord(left), nullptr) << "the only four-vertex record";
+    EXPECT_TRUE(left[1] == x1 && left[2] == x2 && left[3] == mesh[0].v[2]);
+    bool right = false;  // X1, (2,0,0), X2
+    for (const float** r = state.freeRecords[3]; r; r = *nextFreeRecord(r))
+        right |= r[1] == mesh[0].v[1] && r[2] == x2;
+    EXPECT_TRUE(right);
+    bool released = false;  // the cut patch's own record
+    for (const float** r = state.freeRecords[3]; r; r = *nextFreeRecord(r))
+        released |= r == cutRecord;
+    EXPECT_TRUE(released);
 }
 
 TEST_F(PsahOpt, ExhaustedBudgetOrPatchPoolReportsOverflow) {
@@ -494,24 +422,24 @@ TEST_F(PsahOpt, ExhaustedBudgetOrPatchPoolReportsOverflow) {
     EXPECT_EQ(run(1.0f, 20), KEL_STS_OVERFLOW);
 }
 
-// The thread count must not change a byte of the tree; with no active
-// levels every region runs on one thread.
+// With no active levels every region runs on one thread; the tree must not
+// change by a word, and every triangle must reach a leaf.
 TEST_F(PsahOpt, SameTreeWhateverTheThreadCount) {
-    std::vector<int32_t> trees[2];
+    Tree trees[2];
     const int levels = omp_get_max_active_levels();
     for (int pass = 0; pass < 2; ++pass) {
         omp_set_max_active_levels(pass == 0 ? levels : 0);
         prepare(soup(3000, 11));
         ASSERT_EQ(run(0.5f, 25), KEL_STS_OK);
-        serialise(&root, &trees[pass]);
-        std::vector<bool> seen(3001, false);
-        for (const Leaf& l : treeLeaves())
-            for (int t : l.triangles) seen[t] = true;
-        EXPECT_EQ(std::count(seen.begin(), seen.end(), false), 0) << "every triangle in a leaf";
+        trees[pass] = tree();
     }
     omp_set_max_active_levels(levels);
-    EXPECT_GT(trees[0].size(), 1000u);
-    EXPECT_EQ(trees[0], trees[1]);
+    EXPECT_GT(trees[0].axes.size(), 500u);
+    EXPECT_EQ(trees[0].words, trees[1].words);
+    std::vector<bool> seen(3001, false);
+    for (const std::vector<int>& leaf : trees[0].leaves)
+        for (int t : leaf) seen[t] = true;
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), false), 0);
 }
 
 }  // namespace
