@@ -126,26 +126,27 @@ struct Outcome {
     std::vector<int> mask;
 };
 
-Outcome snapshot(Rays& r, int count) {
-    Outcome o;
+// Appends the results of the first `count` rays.
+void collect(Rays& r, int count, Outcome* o) {
     for (int i = 0; i < count; ++i) {
-        o.id.push_back(r.id[i]);
-        o.t.push_back(r.distance[i]);
-        o.u.push_back(r.u[i]);
-        o.v.push_back(r.v[i]);
-        o.mask.push_back(r.mask[i]);
+        o->id.push_back(r.id[i]);
+        o->t.push_back(r.distance[i]);
+        o->u.push_back(r.u[i]);
+        o->v.push_back(r.v[i]);
+        o->mask.push_back(r.mask[i]);
     }
-    return o;
 }
 
 enum class Query { Eye, MultipleOrigin, Any };
 
-// Runs one query on the aligned block and on the scalar block.
+// Runs one query on the aligned block and then on the scalar block, which
+// covers the first rays again, laid out 61 (or 29) wide; the results follow
+// each other.
 Outcome run(Query q, const IntersectContext& context, const float eye[3], const Shape& shape,
             Rays& r) {
-    r.reset();
     Outcome all;
     for (bool scalar : {false, true}) {
+        r.reset();
         const int w = scalar ? shape.scalarWidth : shape.width;
         const int h = scalar ? shape.scalarHeight : shape.height;
         KelStatus status = KEL_STS_OK;
@@ -159,21 +160,7 @@ Outcome run(Query q, const IntersectContext& context, const float eye[3], const 
             status = kelrIntersectAnySO_32f(eye, r.direction, r.id.data(), r.mask.data(), w, h,
                                             &context);
         EXPECT_EQ(KEL_STS_OK, status);
-        const Outcome part = snapshot(r, w * h);
-        if (!scalar) {
-            all = part;
-            r.reset();
-            continue;
-        }
-        // The scalar block covers the first rows again, laid out 61 wide:
-        // keep its results as extra rays.
-        for (int i = 0; i < w * h; ++i) {
-            all.id.push_back(part.id[size_t(i)]);
-            all.t.push_back(part.t[size_t(i)]);
-            all.u.push_back(part.u[size_t(i)]);
-            all.v.push_back(part.v[size_t(i)]);
-            all.mask.push_back(part.mask[size_t(i)]);
-        }
+        collect(r, w * h, &all);
     }
     return all;
 }
