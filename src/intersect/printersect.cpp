@@ -3,8 +3,9 @@
 // walk the kd-tree front to back with one skeleton; they differ in how a ray
 // is clipped before the walk, in the triangle test's precision and
 // thresholds, and in what ends a ray.
-#include "intersect/packet.h"
 #include "intersect/printersect.h"
+
+#include "intersect/packet.h"
 
 namespace {
 
@@ -241,10 +242,11 @@ bool clipOwnOriginRay(const float o[3], const float r[3], const float* box, floa
 }
 
 // Shadow segments are not clipped to the box: the segment itself bounds
-// the walk.
+// the walk. Unlike the clipped queries, a component that is not a number
+// keeps its (undefined) inverse.
 void aimSegment(const float r[3], TraversalRay* ray) {
     for (int a = 0; a < 3; ++a) {
-        ray->inverse[a] = isTiny(r[a]) ? kZeroInverse : 1.0f / r[a];
+        ray->inverse[a] = kel::magnitude(r[a]) <= kel::kTinyComponent ? kZeroInverse : 1.0f / r[a];
         ray->towardsLower[a] = r[a] < 0.0f;
     }
     ray->tNear = 0.0f;
@@ -389,9 +391,8 @@ KEL_API KelStatus kelrIntersectMO_32f(const float* const origin[3], const float*
                                       float* pDistance, float* const hit[2], int* pTriangleId,
                                       const IntersectContext* pContext, int width, int height) {
     if (localOwnOriginFitsFourRays(origin, direction, pDistance, hit, pTriangleId, width, height))
-        return ownIntersectBlock4_w7(origin, direction, pContext->sceneBox,
-                                     pContext->triangleAccel, pContext->tree, pDistance, hit,
-                                     pTriangleId, width, height);
+        return ownIntersectBlock4_w7(origin, direction, pContext->sceneBox, pContext->triangleAccel,
+                                     pContext->tree, pDistance, hit, pTriangleId, width, height);
     return ownIntersectBlock(origin, direction, pContext->sceneBox, pContext->triangleAccel,
                              pContext->tree, pDistance, hit, pTriangleId, width, height);
 }
@@ -400,8 +401,8 @@ KEL_API KelStatus kelrIntersectAnySO_32f(const float origin[3], const float* con
                                          int* pTriangleId, int* pMask, int width, int height,
                                          const IntersectContext* pContext) {
     if (localAnyFitsFourRays(direction, pTriangleId, pMask, width, height))
-        return ownIntersectAnyBlock4_w7(origin, direction, pContext->triangleAccel,
-                                        pContext->tree, pTriangleId, pMask, width, height);
+        return ownIntersectAnyBlock4_w7(origin, direction, pContext->triangleAccel, pContext->tree,
+                                        pTriangleId, pMask, width, height);
     return ownIntersectAnyBlock(origin, direction, pContext->triangleAccel, pContext->tree,
                                 pTriangleId, pMask, width, height);
 }
