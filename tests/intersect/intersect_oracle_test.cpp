@@ -261,6 +261,20 @@ void checkAllQueries(const TestScene& s, const KDTreeNode* tree, uint32_t seed, 
     EXPECT_GT(checkAny(s, tree, shadow), shadow.count / 10);
 }
 
+// The library's own trees: one leaf from the simple build, and a PSAH tree
+// (whose triangles may be cut into patches and listed in several leaves).
+void checkLibraryTree(const TestScene& s, uint32_t algorithm, uint32_t seed, const char* what) {
+    const KDTreeBuildContext build{algorithm, 30, 0.5f, 128, nullptr};
+    KDTreeNode* tree = nullptr;
+    int size = 0;
+    ASSERT_EQ(KEL_STS_OK,
+              kelrKDTreeBuildAlloc(&tree, s.vertices.data(), s.triangles.data(),
+                                   int(s.vertices.size() / 3), s.count(), &size, &build))
+        << what;
+    checkAllQueries(s, tree, seed, what);
+    kelrKDTreeFree(tree);
+}
+
 TEST(IntersectOracle, RandomSoups) {
     for (uint32_t seed : {1u, 2u, 3u}) {
         const TestScene s = randomSoup(seed);
@@ -273,6 +287,8 @@ TEST(IntersectOracle, RandomSoups) {
                                              .build(s.box));
             checkAllQueries(s, tree.root(), seed, leafSize == 1 ? "deep tree" : "median tree");
         }
+        checkLibraryTree(s, KDT_BUILD_SIMPLE, seed, "simple build");
+        checkLibraryTree(s, KDT_BUILD_PSAH, seed, "PSAH build");
     }
 }
 
