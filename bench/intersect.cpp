@@ -354,6 +354,9 @@ int main(int argc, char** argv) {
         "ray-scene queries, 16 x 16 tiles; Mrays/s, median of %d runs after a warm-up; "
         "all cores = %d threads\n",
         kTimedRuns, threads);
-    for (const std::string& name : names) benchScene(name, threads);
+    for (const std::string& name : names) {
+        benchScene(name, threads);
+        std::fflush(stdout);
+    }
     return 0;
 }
