@@ -129,35 +129,39 @@ inline int invertedNegative(__m128 r) {
 
 // ---- Four-lane ray-triangle test -------------------------------------------
 
-// What the projected test leaves for four rays against one record: the
-// distance along each ray, the scaled weights of the first two vertices and
-// the denominator they are scaled by, and the lanes inside the triangle.
-struct TriangleLanes {
-    __m128 denom, t, wA, wB, wC;
+// The accelerator record's test, step for step as the scalar walks run it in
+// single precision, for four rays at once, in two parts so that a record
+// whose plane no lane meets within range costs only the first.
+
+// The denominator: the rays' direction along the record's plane normal,
+// scaled so that the dominant axis counts 1.
+inline __m128 planeDenominator(const TriangleAccel& rec, int k, int u, int v,
+                               const __m128 direction[3]) {
+    return _mm_add_ps(_mm_add_ps(direction[k], _mm_mul_ps(_mm_set1_ps(rec.nu), direction[u])),
+                      _mm_mul_ps(_mm_set1_ps(rec.nv), direction[v]));
+}
+
+// Scaled barycentric weights of the vertices (A, B, C) and the lanes inside
+// the triangle. ou, ov and num hold the record's corner relative to each
+// ray's origin (in the u, v plane) and the scaled distance to its plane.
+// Weights below zeroBelow in magnitude count as 0; the sign rule then
+// reduces to "some weight positive or some negative, but not both", so one
+// non-zero weight passes, as the vertex case requires.
+struct TriangleWeights {
+    __m128 wA, wB, wC;
     __m128 inside;
 };
 
-// The accelerator record's test, step for step as the scalar walks run it in
-// single precision, for four rays at once. ou, ov and num hold the record's
-// corner relative to each ray's origin (in the u, v plane) and the scaled
-// distance to the triangle's plane. The sign rule reduces to "some weight
-// positive or some negative, but not both": one non-zero weight passes, as
-// the vertex case requires.
-inline TriangleLanes testTriangle(const TriangleAccel& rec, int k, int u, int v,
-                                  const __m128 direction[3], __m128 ou, __m128 ov, __m128 num,
-                                  __m128 zeroBelow) {
-    const __m128 nu = _mm_set1_ps(rec.nu), nv = _mm_set1_ps(rec.nv);
-    TriangleLanes r;
-    r.denom = _mm_add_ps(_mm_add_ps(direction[k], _mm_mul_ps(nu, direction[u])),
-                         _mm_mul_ps(nv, direction[v]));
-    r.t = _mm_div_ps(num, r.denom);
-    const __m128 hu = _mm_sub_ps(_mm_mul_ps(direction[u], num), _mm_mul_ps(ou, r.denom));
-    const __m128 hv = _mm_sub_ps(_mm_mul_ps(direction[v], num), _mm_mul_ps(ov, r.denom));
+inline TriangleWeights triangleWeights(const TriangleAccel& rec, int u, int v,
+                                       const __m128 direction[3], __m128 ou, __m128 ov, __m128 num,
+                                       __m128 denom, __m128 zeroBelow) {
+    const __m128 hu = _mm_sub_ps(_mm_mul_ps(direction[u], num), _mm_mul_ps(ou, denom));
+    const __m128 hv = _mm_sub_ps(_mm_mul_ps(direction[v], num), _mm_mul_ps(ov, denom));
     __m128 wA =
         _mm_sub_ps(_mm_mul_ps(_mm_set1_ps(rec.e2v), hu), _mm_mul_ps(_mm_set1_ps(rec.e2u), hv));
     __m128 wB =
         _mm_sub_ps(_mm_mul_ps(_mm_set1_ps(rec.e1u), hv), _mm_mul_ps(_mm_set1_ps(rec.e1v), hu));
-    __m128 wC = _mm_sub_ps(_mm_sub_ps(r.denom, wA), wB);
+    __m128 wC = _mm_sub_ps(_mm_sub_ps(denom, wA), wB);
     wA = _mm_andnot_ps(_mm_cmplt_ps(magnitude(wA), zeroBelow), wA);
     wB = _mm_andnot_ps(_mm_cmplt_ps(magnitude(wB), zeroBelow), wB);
     wC = _mm_andnot_ps(_mm_cmplt_ps(magnitude(wC), zeroBelow), wC);
@@ -166,11 +170,7 @@ inline TriangleLanes testTriangle(const TriangleAccel& rec, int k, int u, int v,
                                       _mm_cmpgt_ps(wC, zero));
     const __m128 negative = _mm_or_ps(_mm_or_ps(_mm_cmplt_ps(wA, zero), _mm_cmplt_ps(wB, zero)),
                                       _mm_cmplt_ps(wC, zero));
-    r.wA = wA;
-    r.wB = wB;
-    r.wC = wC;
-    r.inside = _mm_xor_ps(positive, negative);
-    return r;
+    return {wA, wB, wC, _mm_xor_ps(positive, negative)};
 }
 
 // The record's corner and plane relative to an origin that all four rays

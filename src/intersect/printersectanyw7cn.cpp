@@ -44,11 +44,15 @@ struct SegmentRays {
             const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
             const kel::packet::SharedOriginTerms rel =
                 kel::packet::sharedOriginTerms(rec, k, a, b, origin);
-            const kel::packet::TriangleLanes hit = kel::packet::testTriangle(
-                rec, k, a, b, direction, rel.ou, rel.ov, rel.num, _mm_set1_ps(kel::kTinyComponent));
-            __m128 accept = _mm_and_ps(laneMask(lanes), hit.inside);
-            accept = _mm_and_ps(accept, _mm_cmpgt_ps(hit.t, _mm_setzero_ps()));
-            accept = _mm_and_ps(accept, _mm_cmplt_ps(hit.t, _mm_set1_ps(kSegmentEnd)));
+            const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
+            const __m128 t = _mm_div_ps(rel.num, denom);
+            __m128 accept = _mm_and_ps(laneMask(lanes), _mm_cmpgt_ps(t, _mm_setzero_ps()));
+            accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_set1_ps(kSegmentEnd)));
+            if (!_mm_movemask_ps(accept)) continue;
+            accept = _mm_and_ps(
+                accept, kel::packet::triangleWeights(rec, a, b, direction, rel.ou, rel.ov, rel.num,
+                                                     denom, _mm_set1_ps(kel::kTinyComponent))
+                            .inside);
             const int found = _mm_movemask_ps(accept);
             if (!found) continue;
             id = select(accept, _mm_set1_epi32(n), id);
@@ -118,21 +122,25 @@ struct NearestOccluder {
             const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
             const kel::packet::SharedOriginTerms rel =
                 kel::packet::sharedOriginTerms(rec, k, a, b, origin);
-            // No weight is zeroed here: the signs decide alone.
-            const kel::packet::TriangleLanes hit =
-                kel::packet::testTriangle(rec, k, a, b, direction, rel.ou, rel.ov, rel.num, zero);
-            const __m128 allNonNegative =
-                _mm_and_ps(_mm_and_ps(_mm_cmpge_ps(hit.wA, zero), _mm_cmpge_ps(hit.wB, zero)),
-                           _mm_cmpge_ps(hit.wC, zero));
-            const __m128 allNegative =
-                _mm_and_ps(_mm_and_ps(_mm_cmplt_ps(hit.wA, zero), _mm_cmplt_ps(hit.wB, zero)),
-                           _mm_cmplt_ps(hit.wC, zero));
-            __m128 accept = _mm_and_ps(laneMask(lanes), _mm_or_ps(allNonNegative, allNegative));
-            accept = _mm_and_ps(accept, _mm_cmpnlt_ps(kel::packet::magnitude(hit.denom), limit));
-            accept = _mm_and_ps(accept, _mm_cmpgt_ps(hit.t, zero));
-            accept = _mm_and_ps(accept, _mm_cmplt_ps(hit.t, _mm_sub_ps(distance, limit)));
+            const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
+            const __m128 t = _mm_div_ps(rel.num, denom);
+            __m128 accept =
+                _mm_and_ps(laneMask(lanes), _mm_cmpnlt_ps(kel::packet::magnitude(denom), limit));
+            accept = _mm_and_ps(accept, _mm_cmpgt_ps(t, zero));
+            accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_sub_ps(distance, limit)));
             if (!_mm_movemask_ps(accept)) continue;
-            distance = select(accept, hit.t, distance);
+            // No weight is zeroed here: the signs decide alone.
+            const kel::packet::TriangleWeights w = kel::packet::triangleWeights(
+                rec, a, b, direction, rel.ou, rel.ov, rel.num, denom, zero);
+            const __m128 allNonNegative =
+                _mm_and_ps(_mm_and_ps(_mm_cmpge_ps(w.wA, zero), _mm_cmpge_ps(w.wB, zero)),
+                           _mm_cmpge_ps(w.wC, zero));
+            const __m128 allNegative =
+                _mm_and_ps(_mm_and_ps(_mm_cmplt_ps(w.wA, zero), _mm_cmplt_ps(w.wB, zero)),
+                           _mm_cmplt_ps(w.wC, zero));
+            accept = _mm_and_ps(accept, _mm_or_ps(allNonNegative, allNegative));
+            if (!_mm_movemask_ps(accept)) continue;
+            distance = select(accept, t, distance);
             nearest = n;
         }
         return lanes;
@@ -220,11 +228,14 @@ KEL_API void ownIntersectOccluder4x4(const float origin[3], const float* const d
         if (!_mm_movemask_ps(traced)) continue;
         const __m128 d[3] = {_mm_load_ps(direction[0] + first), _mm_load_ps(direction[1] + first),
                              _mm_load_ps(direction[2] + first)};
-        const kel::packet::TriangleLanes hit = kel::packet::testTriangle(
-            rec, k, a, b, d, rel.ou, rel.ov, rel.num, _mm_set1_ps(kel::kTinyComponent));
-        __m128 accept = _mm_and_ps(traced, hit.inside);
-        accept = _mm_and_ps(accept, _mm_cmpgt_ps(hit.t, _mm_setzero_ps()));
-        accept = _mm_and_ps(accept, _mm_cmplt_ps(hit.t, _mm_set1_ps(kSegmentEnd)));
+        const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, d);
+        const __m128 t = _mm_div_ps(rel.num, denom);
+        __m128 accept = _mm_and_ps(traced, _mm_cmpgt_ps(t, _mm_setzero_ps()));
+        accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_set1_ps(kSegmentEnd)));
+        accept =
+            _mm_and_ps(accept, kel::packet::triangleWeights(rec, a, b, d, rel.ou, rel.ov, rel.num,
+                                                            denom, _mm_set1_ps(kel::kTinyComponent))
+                                   .inside);
         if (!_mm_movemask_ps(accept)) continue;
         _mm_store_si128(maskRow, select(accept, _mm_set1_epi32(-1), mask));
         _mm_store_si128(idRow, select(accept, _mm_set1_epi32(triangle), _mm_load_si128(idRow)));

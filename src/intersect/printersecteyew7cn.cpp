@@ -43,27 +43,44 @@ struct EyeRays {
         return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[axis]);
     }
 
-    // The lanes that the record might hit in extended precision: those whose
-    // single-precision weights are not clearly of both signs, whose plane
-    // lies not clearly behind the origin nor beyond the current distance,
-    // and whose denominator is not clearly below the parallel limit. Each
-    // quantity's error is bounded by kSieveSlack times the magnitudes of
-    // the terms it was summed from.
-    __m128 mightHit(const TriangleAccel& rec, int k, int a, int b) const {
+    // The lanes of `candidates` that the record might hit in extended
+    // precision: those whose plane lies not clearly behind the origin nor
+    // beyond the current distance, whose denominator is not clearly below
+    // the parallel limit, and whose single-precision weights are not
+    // clearly of both signs. Each quantity's error is bounded by
+    // kSieveSlack times the magnitudes of the terms it was summed from.
+    int mightHit(const TriangleAccel& rec, int k, int a, int b, __m128 candidates) const {
         const float ou = rec.cu - origin[a], ov = rec.cv - origin[b];
         const float ok = rec.ck - origin[k];
         const float num = (ok + rec.nu * ou) + rec.nv * ov;
         const float numError = kSieveSlack * (__builtin_fabsf(ok) + __builtin_fabsf(rec.nu * ou) +
                                               __builtin_fabsf(rec.nv * ov));
-        const kel::packet::TriangleLanes raw =
-            kel::packet::testTriangle(rec, k, a, b, direction, _mm_set1_ps(ou), _mm_set1_ps(ov),
-                                      _mm_set1_ps(num), _mm_setzero_ps());
+        const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
         const __m128 ru = magnitude(direction[a]), rv = magnitude(direction[b]);
         const __m128 planeTerms =
             _mm_add_ps(_mm_add_ps(magnitude(direction[k]),
                                   _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rec.nu)), ru)),
                        _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rec.nv)), rv));
         const __m128 denomError = _mm_mul_ps(planeTerms, _mm_set1_ps(kSieveSlack));
+        // t = num / denom lies in (0, distance - margin) as num * sign(denom)
+        // lies in (0, (distance - margin) * |denom|); no division needed.
+        const __m128 absDenom = magnitude(denom);
+        const __m128 ahead = _mm_xor_ps(_mm_set1_ps(num), _mm_andnot_ps(absDenom, denom));
+        const __m128 reach = _mm_mul_ps(_mm_mul_ps(_mm_sub_ps(distance, _mm_set1_ps(kEyeLimit)),
+                                                   _mm_add_ps(absDenom, denomError)),
+                                        _mm_set1_ps(1.0f + kSieveSlack));
+        const __m128 within =
+            _mm_and_ps(_mm_cmpgt_ps(ahead, _mm_set1_ps(-numError)),
+                       _mm_cmplt_ps(_mm_sub_ps(ahead, _mm_set1_ps(numError)), reach));
+        const __m128 signUnsure = _mm_cmple_ps(absDenom, denomError);
+        const __m128 steep = _mm_cmpge_ps(_mm_add_ps(absDenom, denomError), _mm_set1_ps(kEyeLimit));
+        const __m128 inRange =
+            _mm_and_ps(_mm_and_ps(steep, _mm_or_ps(within, signUnsure)), candidates);
+        if (!_mm_movemask_ps(inRange)) return 0;
+
+        const kel::packet::TriangleWeights raw =
+            kel::packet::triangleWeights(rec, a, b, direction, _mm_set1_ps(ou), _mm_set1_ps(ov),
+                                         _mm_set1_ps(num), denom, _mm_setzero_ps());
         const float edgeScale =
             largest(largest(__builtin_fabsf(rec.e2u), __builtin_fabsf(rec.e2v)),
                     largest(__builtin_fabsf(rec.e1u), __builtin_fabsf(rec.e1v)));
@@ -81,21 +98,8 @@ struct EyeRays {
         const __m128 clearlyNegative = _mm_or_ps(
             _mm_or_ps(_mm_cmplt_ps(raw.wA, negativeSlack), _mm_cmplt_ps(raw.wB, negativeSlack)),
             _mm_cmplt_ps(raw.wC, negativeSlack));
-        // t = num / denom lies in (0, distance - margin) as num * sign(denom)
-        // lies in (0, (distance - margin) * |denom|); no division needed.
-        const __m128 absDenom = magnitude(raw.denom);
-        const __m128 signOfDenom = _mm_andnot_ps(absDenom, raw.denom);
-        const __m128 ahead = _mm_xor_ps(_mm_set1_ps(num), signOfDenom);
-        const __m128 reach = _mm_mul_ps(_mm_mul_ps(_mm_sub_ps(distance, _mm_set1_ps(kEyeLimit)),
-                                                   _mm_add_ps(absDenom, denomError)),
-                                        _mm_set1_ps(1.0f + kSieveSlack));
-        const __m128 within =
-            _mm_and_ps(_mm_cmpgt_ps(ahead, _mm_set1_ps(-numError)),
-                       _mm_cmplt_ps(_mm_sub_ps(ahead, _mm_set1_ps(numError)), reach));
-        const __m128 signUnsure = _mm_cmple_ps(absDenom, denomError);
-        const __m128 steep = _mm_cmpge_ps(_mm_add_ps(absDenom, denomError), _mm_set1_ps(kEyeLimit));
-        return _mm_and_ps(_mm_andnot_ps(_mm_and_ps(clearlyPositive, clearlyNegative), steep),
-                          _mm_or_ps(within, signUnsure));
+        return _mm_movemask_ps(
+            _mm_andnot_ps(_mm_and_ps(clearlyPositive, clearlyNegative), inRange));
     }
 
     int testLeaf(const int32_t* triangles, int count, int lanes) {
@@ -106,9 +110,9 @@ struct EyeRays {
             const uint32_t axes = rec.axes;
             if (axes == 0) continue;
             const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
-            const __m128 candidate =
+            const __m128 candidates =
                 _mm_andnot_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(id, _mm_set1_epi32(n))), active);
-            const int sifted = _mm_movemask_ps(_mm_and_ps(candidate, mightHit(rec, k, a, b)));
+            const int sifted = mightHit(rec, k, a, b, candidates);
             if (sifted) decide(rec, n, sifted);
         }
         return lanes;

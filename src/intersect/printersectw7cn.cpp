@@ -45,20 +45,23 @@ struct OwnOriginRays {
             const __m128 num = _mm_add_ps(_mm_add_ps(_mm_sub_ps(_mm_set1_ps(rec.ck), origin[k]),
                                                      _mm_mul_ps(_mm_set1_ps(rec.nu), ou)),
                                           _mm_mul_ps(_mm_set1_ps(rec.nv), ov));
-            const kel::packet::TriangleLanes hit = kel::packet::testTriangle(
-                rec, k, a, b, direction, ou, ov, num, _mm_set1_ps(kZeroBelow));
+            const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
+            const __m128 t = _mm_div_ps(num, denom);
             const __m128i triangle = _mm_set1_epi32(n);
-            __m128 accept = _mm_and_ps(active, hit.inside);
-            accept = _mm_and_ps(accept, _mm_cmpnlt_ps(kel::packet::magnitude(hit.denom),
-                                                      _mm_set1_ps(kParallelBelow)));
-            accept = _mm_and_ps(accept, _mm_cmpgt_ps(hit.t, _mm_setzero_ps()));
+            __m128 accept = _mm_andnot_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(id, triangle)), active);
+            accept = _mm_and_ps(
+                accept, _mm_cmpnlt_ps(kel::packet::magnitude(denom), _mm_set1_ps(kParallelBelow)));
+            accept = _mm_and_ps(accept, _mm_cmpgt_ps(t, _mm_setzero_ps()));
             accept =
-                _mm_and_ps(accept, _mm_cmplt_ps(hit.t, _mm_sub_ps(distance, _mm_set1_ps(kMargin))));
-            accept = _mm_andnot_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(id, triangle)), accept);
+                _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_sub_ps(distance, _mm_set1_ps(kMargin))));
             if (!_mm_movemask_ps(accept)) continue;
-            distance = select(accept, hit.t, distance);
-            u = select(accept, _mm_div_ps(hit.wA, hit.denom), u);
-            v = select(accept, _mm_div_ps(hit.wB, hit.denom), v);
+            const kel::packet::TriangleWeights w = kel::packet::triangleWeights(
+                rec, a, b, direction, ou, ov, num, denom, _mm_set1_ps(kZeroBelow));
+            accept = _mm_and_ps(accept, w.inside);
+            if (!_mm_movemask_ps(accept)) continue;
+            distance = select(accept, t, distance);
+            u = select(accept, _mm_div_ps(w.wA, denom), u);
+            v = select(accept, _mm_div_ps(w.wB, denom), v);
             id = select(accept, triangle, id);
         }
         return lanes;
