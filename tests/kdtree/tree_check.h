@@ -58,7 +58,6 @@ inline double halfArea(const float* box) {
 struct TreeWalk {
     const char* block;
     int size;
-    int triangleCount;
     bool boxes;
     double rootArea;
     int nextPair = 16;
@@ -74,7 +73,8 @@ struct TreeWalk {
     }
 
     bool walk(int offset, int depth, const float* box) {
-        if (depth > 64) return fail("deeper than any tree the format allows", offset);
+        // Readers keep at most 50 deferred children.
+        if (depth > 50) return fail("deeper than 50 levels", offset);
         int32_t word0, word1;
         std::memcpy(&word0, block + offset, 4);
         std::memcpy(&word1, block + offset + 4, 4);
@@ -102,7 +102,7 @@ struct TreeWalk {
         summary->sahCost += area;
         float split;
         std::memcpy(&split, &word1, 4);
-        float below[6], above[6];
+        float below[6] = {}, above[6] = {};
         if (boxes) {
             std::memcpy(below, box, sizeof below);
             std::memcpy(above, box, sizeof above);
@@ -128,7 +128,7 @@ inline std::string checkTree(const KDTreeNode* tree, int size, int triangleCount
     std::memcpy(companion, block + 8, 8);
     if (companion[0] != 0 || companion[1] != 0) return "words 2 and 3 are not zero";
 
-    detail::TreeWalk walk{block, size, triangleCount, rootBox != nullptr,
+    detail::TreeWalk walk{block, size, rootBox != nullptr,
                           rootBox ? detail::halfArea(rootBox) : 0.0};
     walk.summary = summary;
     float box[6] = {};
