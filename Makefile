@@ -11,11 +11,13 @@ deps:
 
 build: deps $(ARCHS:%=build-%)
 
-build-%:
+# Static pattern rules: make skips implicit rules for phony targets, so a
+# plain build-% rule would never run.
+$(ARCHS:%=build-%): build-%:
 	cmake --preset $* >/dev/null
 	cmake --build build/$* -j $(JOBS)
 
-test-%: build-%
+$(ARCHS:%=test-%): test-%: build-%
 	ctest --test-dir build/$* --output-on-failure -j $(JOBS)
 
 bench: deps build-x86_64
