@@ -188,6 +188,12 @@ inline SharedOriginTerms sharedOriginTerms(const TriangleAccel& rec, int k, int 
 
 // ---- Tree walk -------------------------------------------------------------
 
+// A packet is one or two quads of four lanes (a 4x1 row, or the two rows of
+// a 4x2 call); lane i of quad q is bit 4q + i of a lane set.
+inline int quadLanes(int lanes, int quad) {
+    return (lanes >> (4 * quad)) & kAllLanes;
+}
+
 // Walks the tree front to back with the lanes in `live`, each lane making the
 // decisions its scalar walk would make. The packet follows one order (the
 // query's towardsLower, shared by all its lanes) and keeps one stack; a child
@@ -197,41 +203,60 @@ inline SharedOriginTerms sharedOriginTerms(const TriangleAccel& rec, int k, int 
 // lane ends at a leaf when the query says so (a hit within the interval just
 // finished, or an occluder); the walk ends when no lane is left.
 //
-// Query provides: towardsLower[3]; splitDistance(axis, split) -> tSplit per
-// lane; testLeaf(list, count, lanes) -> the lanes still looking; finished(
-// tFar) -> lanes done with the interval ending at tFar.
+// Query provides: kQuads; towardsLower[3]; splitDistance(axis, split, quad)
+// -> tSplit per lane; testLeaf(list, count, lanes) -> the lanes still
+// looking; finished(tFar) -> lanes done with the interval ending at tFar.
 template <class Query>
-KelStatus traverse(Query& query, const KDTreeNode* root, __m128 tNear, __m128 tFar, int live) {
+KelStatus traverse(Query& query, const KDTreeNode* root, const __m128* tNearIn,
+                   const __m128* tFarIn, int live) {
+    constexpr int Q = Query::kQuads;
     struct Deferred {
-        __m128 tNear, tFar;
+        __m128 tNear[Q], tFar[Q];
         const KDTreeNode* node;
         int lanes;
     };
     Deferred stack[kTraversalStackDepth];
     int deferred = 0;
     int ended = 0;
+    __m128 tNear[Q], tFar[Q];
+    for (int q = 0; q < Q; ++q) {
+        tNear[q] = tNearIn[q];
+        tFar[q] = tFarIn[q];
+    }
     const __m128 tolerance = _mm_set1_ps(kSplitTolerance);
     const KDTreeNode* node = root;
     for (;;) {
         while (!isLeaf(node)) {
             const int axis = splitAxis(node);
-            const __m128 tSplit = query.splitDistance(axis, node->data.split);
             const KDTreeNode* pair = childPair(node);
             const KDTreeNode* nearChild = pair + query.towardsLower[axis];
             const KDTreeNode* farChild = pair + (1 - query.towardsLower[axis]);
-            const int farOnly =
-                _mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(tNear, tSplit), tolerance)) & live;
-            const int nearOnly =
-                _mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(tSplit, tFar), tolerance)) & live;
+            __m128 tSplit[Q];
+            int farOnly = 0, nearOnly = 0;
+            for (int q = 0; q < Q; ++q) {
+                tSplit[q] = query.splitDistance(axis, node->data.split, q);
+                farOnly |= _mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(tNear[q], tSplit[q]), tolerance))
+                           << (4 * q);
+                nearOnly |= _mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(tSplit[q], tFar[q]), tolerance))
+                            << (4 * q);
+            }
+            farOnly &= live;
+            nearOnly &= live;
             if (farOnly == live) {
                 node = farChild;
             } else if (nearOnly == live) {
                 node = nearChild;
             } else {
                 if (deferred == kTraversalStackDepth) return KEL_STS_NO_MEM;
-                const __m128 end = _mm_max_ps(_mm_min_ps(tSplit, tFar), tNear);
-                stack[deferred++] = {end, tFar, farChild, live & ~nearOnly};
-                tFar = end;
+                Deferred& later = stack[deferred++];
+                for (int q = 0; q < Q; ++q) {
+                    const __m128 end = _mm_max_ps(_mm_min_ps(tSplit[q], tFar[q]), tNear[q]);
+                    later.tNear[q] = end;
+                    later.tFar[q] = tFar[q];
+                    tFar[q] = end;
+                }
+                later.node = farChild;
+                later.lanes = live & ~nearOnly;
                 live &= ~farOnly;
                 node = nearChild;
             }
@@ -247,8 +272,10 @@ KelStatus traverse(Query& query, const KDTreeNode* root, __m128 tNear, __m128 tF
             const Deferred& next = stack[--deferred];
             live = next.lanes & ~ended;
             if (live) {
-                tNear = next.tNear;
-                tFar = next.tFar;
+                for (int q = 0; q < Q; ++q) {
+                    tNear[q] = next.tNear[q];
+                    tFar[q] = next.tFar[q];
+                }
                 node = next.node;
                 break;
             }
@@ -262,8 +289,8 @@ KelStatus traverse(Query& query, const KDTreeNode* root, __m128 tNear, __m128 tF
 // negative component walks as a positive one: such a lane gets a walk of
 // its own rather than a stand-in order.
 template <class Query>
-KelStatus traverseByOrder(Query& query, const int negative[3], const KDTreeNode* root, __m128 tNear,
-                          __m128 tFar, int live) {
+KelStatus traverseByOrder(Query& query, const int negative[3], const KDTreeNode* root,
+                          const __m128* tNear, const __m128* tFar, int live) {
     KelStatus status = KEL_STS_OK;
     while (live) {
         const int lane = __builtin_ctz(unsigned(live));

@@ -11,28 +11,35 @@ using kel::packet::select;
 // Shadow segments run from the light (t = 0) to the lit point (t = 1).
 constexpr float kSegmentEnd = 1.0f;
 
-// Inverse directions as the scalar shadow walk takes them: its side of each
-// split follows the sign even of a component too small to invert.
-void aimSegments(const __m128 direction[3], int lanes, __m128 inverse[3], int towardsLower[3]) {
-    for (int a = 0; a < 3; ++a) {
-        const __m128 r = direction[a];
-        towardsLower[a] = kel::packet::towardsLower(r, lanes);
-        inverse[a] = select(kel::packet::tinyComponents(r), _mm_set1_ps(kel::packet::kZeroInverse),
-                            _mm_div_ps(_mm_set1_ps(1.0f), r));
-    }
-}
-
-// Four shadow segments: each lane stops at the first occluder it finds.
+// One or two rows of four shadow segments: each lane stops at the first
+// occluder it finds.
+template <int Quads>
 struct SegmentRays {
+    static constexpr int kQuads = Quads;
     const TriangleAccel* accel;
     float origin[3];
-    __m128 direction[3], inverse[3];
+    __m128 direction[Quads][3], inverse[Quads][3];
     int towardsLower[3];
-    __m128i id;
+    __m128i id[Quads];
     int occluded;
 
-    __m128 splitDistance(int axis, float split) const {
-        return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[axis]);
+    __m128 splitDistance(int axis, float split, int quad) const {
+        return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[quad][axis]);
+    }
+
+    // The lanes of one quad that the record occludes.
+    int occludedBy(const TriangleAccel& rec, int k, int a, int b,
+                   const kel::packet::SharedOriginTerms& rel, int q, int lanes) const {
+        const __m128* r = direction[q];
+        const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, r);
+        const __m128 t = _mm_div_ps(rel.num, denom);
+        __m128 accept = _mm_and_ps(laneMask(lanes), _mm_cmpgt_ps(t, _mm_setzero_ps()));
+        accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_set1_ps(kSegmentEnd)));
+        if (!_mm_movemask_ps(accept)) return 0;
+        return _mm_movemask_ps(
+            _mm_and_ps(accept, kel::packet::triangleWeights(rec, a, b, r, rel.ou, rel.ov, rel.num,
+                                                            denom, _mm_set1_ps(kel::kTinyComponent))
+                                   .inside));
     }
 
     int testLeaf(const int32_t* triangles, int count, int lanes) {
@@ -44,18 +51,14 @@ struct SegmentRays {
             const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
             const kel::packet::SharedOriginTerms rel =
                 kel::packet::sharedOriginTerms(rec, k, a, b, origin);
-            const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
-            const __m128 t = _mm_div_ps(rel.num, denom);
-            __m128 accept = _mm_and_ps(laneMask(lanes), _mm_cmpgt_ps(t, _mm_setzero_ps()));
-            accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_set1_ps(kSegmentEnd)));
-            if (!_mm_movemask_ps(accept)) continue;
-            accept = _mm_and_ps(
-                accept, kel::packet::triangleWeights(rec, a, b, direction, rel.ou, rel.ov, rel.num,
-                                                     denom, _mm_set1_ps(kel::kTinyComponent))
-                            .inside);
-            const int found = _mm_movemask_ps(accept);
-            if (!found) continue;
-            id = select(accept, _mm_set1_epi32(n), id);
+            int found = 0;
+            for (int q = 0; q < Quads; ++q) {
+                const int quad = kel::packet::quadLanes(lanes, q);
+                if (!quad) continue;
+                const int hit = occludedBy(rec, k, a, b, rel, q, quad);
+                if (hit) id[q] = select(laneMask(hit), _mm_set1_epi32(n), id[q]);
+                found |= hit << (4 * q);
+            }
             occluded |= found;
             lanes &= ~found;
             if (!lanes) break;
@@ -64,35 +67,63 @@ struct SegmentRays {
     }
 
     // Nothing beyond the segment's end can occlude it.
-    int finished(__m128 tFar) const {
-        return _mm_movemask_ps(_mm_cmpngt_ps(_mm_set1_ps(kSegmentEnd), tFar));
+    int finished(const __m128* tFar) const {
+        int lanes = 0;
+        for (int q = 0; q < Quads; ++q)
+            lanes |= _mm_movemask_ps(_mm_cmpngt_ps(_mm_set1_ps(kSegmentEnd), tFar[q])) << (4 * q);
+        return lanes;
     }
 };
 
-// Traces the four segments at the plane pointers whose lane is in `lanes`
-// and whose mask entry is >= 0; an occluded one gets mask -1 and the
-// occluder's number, a clear one id -1.
-KelStatus traceSegmentRow(const float origin[3], const float* const direction[3],
-                          const TriangleAccel* pAccel, const KDTreeNode* pTree, int* pTriangleId,
-                          int* pMask, int lanes) {
-    __m128i* idRow = reinterpret_cast<__m128i*>(pTriangleId);
-    __m128i* maskRow = reinterpret_cast<__m128i*>(pMask);
-    const __m128i mask = _mm_load_si128(maskRow);
-    const int live = lanes & ~_mm_movemask_ps(_mm_castsi128_ps(mask));
+// Traces the segments of one or two rows of four (rows `width` elements
+// apart) whose lane is in `lanes` and whose mask entry is >= 0; an occluded
+// one gets mask -1 and the occluder's number, a clear one id -1. The
+// inverse directions are those of the scalar shadow walk, whose side of
+// each split follows the sign even of a component too small to invert.
+template <int Quads>
+KelStatus traceSegments(const float origin[3], const float* const direction[3],
+                        const TriangleAccel* pAccel, const KDTreeNode* pTree, int* pTriangleId,
+                        int* pMask, int width, int lanes) {
+    SegmentRays<Quads> rays;
+    __m128i mask[Quads];
+    int live = 0;
+    for (int q = 0; q < Quads; ++q) {
+        mask[q] = _mm_load_si128(reinterpret_cast<const __m128i*>(pMask + q * width));
+        live |= (kel::packet::quadLanes(lanes, q) & ~_mm_movemask_ps(_mm_castsi128_ps(mask[q])))
+                << (4 * q);
+    }
     if (!live) return KEL_STS_OK;
-    SegmentRays rays;
     rays.accel = pAccel;
     rays.occluded = 0;
-    rays.id = select(laneMask(live), _mm_set1_epi32(-1), _mm_load_si128(idRow));
     for (int a = 0; a < 3; ++a) {
         rays.origin[a] = origin[a];
-        rays.direction[a] = _mm_load_ps(direction[a]);
+        rays.towardsLower[a] = 0;
     }
-    aimSegments(rays.direction, live, rays.inverse, rays.towardsLower);
-    const KelStatus status = kel::packet::traverse(rays, pTree, _mm_setzero_ps(),
-                                                   _mm_set1_ps(kel::packet::kSegmentReach), live);
-    _mm_store_si128(idRow, rays.id);
-    _mm_store_si128(maskRow, select(laneMask(rays.occluded), _mm_set1_epi32(-1), mask));
+    __m128 tNear[Quads], tFar[Quads];
+    for (int q = 0; q < Quads; ++q) {
+        const int row = q * width;
+        const int quad = kel::packet::quadLanes(live, q);
+        rays.id[q] = select(laneMask(quad), _mm_set1_epi32(-1),
+                            _mm_load_si128(reinterpret_cast<const __m128i*>(pTriangleId + row)));
+        for (int a = 0; a < 3; ++a) {
+            const __m128 r = _mm_load_ps(direction[a] + row);
+            rays.direction[q][a] = r;
+            rays.towardsLower[a] |= kel::packet::towardsLower(r, quad);
+            rays.inverse[q][a] =
+                select(kel::packet::tinyComponents(r), _mm_set1_ps(kel::packet::kZeroInverse),
+                       _mm_div_ps(_mm_set1_ps(1.0f), r));
+        }
+        tNear[q] = _mm_setzero_ps();
+        tFar[q] = _mm_set1_ps(kel::packet::kSegmentReach);
+    }
+    const KelStatus status = kel::packet::traverse(rays, pTree, tNear, tFar, live);
+    for (int q = 0; q < Quads; ++q) {
+        const int row = q * width;
+        _mm_store_si128(reinterpret_cast<__m128i*>(pTriangleId + row), rays.id[q]);
+        _mm_store_si128(reinterpret_cast<__m128i*>(pMask + row),
+                        select(laneMask(kel::packet::quadLanes(rays.occluded, q)),
+                               _mm_set1_epi32(-1), mask[q]));
+    }
     return status;
 }
 
@@ -100,6 +131,7 @@ KelStatus traceSegmentRow(const float origin[3], const float* const direction[3]
 // live lane: the walk ends once the current interval reaches the nearest
 // hit so far.
 struct NearestOccluder {
+    static constexpr int kQuads = 1;
     const TriangleAccel* accel;
     float origin[3];
     __m128 direction[3], inverse[3];
@@ -107,7 +139,7 @@ struct NearestOccluder {
     __m128 distance;
     int nearest;
 
-    __m128 splitDistance(int axis, float split) const {
+    __m128 splitDistance(int axis, float split, int) const {
         return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[axis]);
     }
 
@@ -146,7 +178,9 @@ struct NearestOccluder {
         return lanes;
     }
 
-    int finished(__m128 tFar) const { return _mm_movemask_ps(_mm_cmpnlt_ps(tFar, distance)); }
+    int finished(const __m128* tFar) const {
+        return _mm_movemask_ps(_mm_cmpnlt_ps(tFar[0], distance));
+    }
 };
 
 struct SegmentKernels {
@@ -207,7 +241,8 @@ KEL_API int ownIntersectNearestOccl(const float origin[3], const float direction
         ray.inverse[a] = _mm_set1_ps(
             __builtin_fabsf(r) <= kel::kTinyComponent ? kel::packet::kZeroInverse : 1.0f / r);
     }
-    kel::packet::traverse(ray, pTree, _mm_setzero_ps(), _mm_set1_ps(kel::packet::kSegmentReach), 1);
+    const __m128 tNear = _mm_setzero_ps(), tFar = _mm_set1_ps(kel::packet::kSegmentReach);
+    kel::packet::traverse(ray, pTree, &tNear, &tFar, 1);
     return ray.nearest;
 }
 
@@ -245,18 +280,15 @@ KEL_API void ownIntersectOccluder4x4(const float origin[3], const float* const d
 KEL_API KelStatus ownIntersectAnyBlock4x1(const float origin[3], const float* const direction[3],
                                           const TriangleAccel* pAccel, const KDTreeNode* pTree,
                                           int* pTriangleId, int* pMask, int lanes) {
-    return traceSegmentRow(origin, direction, pAccel, pTree, pTriangleId, pMask, lanes);
+    return traceSegments<1>(origin, direction, pAccel, pTree, pTriangleId, pMask, 0, lanes);
 }
 
+// The two rows go as one packet of eight lanes: they share every node visit
+// and every record's set-up.
 KEL_API KelStatus ownIntersectAnyBlock4x2(const float origin[3], const float* const direction[3],
                                           const TriangleAccel* pAccel, const KDTreeNode* pTree,
                                           int* pTriangleId, int* pMask, int width) {
-    const KelStatus first = traceSegmentRow(origin, direction, pAccel, pTree, pTriangleId, pMask,
-                                            kel::packet::kAllLanes);
-    const float* d[3] = {direction[0] + width, direction[1] + width, direction[2] + width};
-    const KelStatus second = traceSegmentRow(origin, d, pAccel, pTree, pTriangleId + width,
-                                             pMask + width, kel::packet::kAllLanes);
-    return first != KEL_STS_OK ? first : second;
+    return traceSegments<2>(origin, direction, pAccel, pTree, pTriangleId, pMask, width, 0xFF);
 }
 
 KEL_API KelStatus ownIntersectAnyBlock4_w7(const float origin[3], const float* const direction[3],

@@ -27,51 +27,57 @@ inline float largest(float a, float b) {
     return a > b ? a : b;
 }
 
-// Four eye rays as the tree walk and the leaf tests see them.
+// The record's corner and plane relative to the shared origin, in the
+// scalar walk's order, with the bound of their rounding error.
+struct SharedTerms {
+    float ou, ov, num, numError;
+};
+
+// One or two rows of four eye rays as the tree walk and the leaf tests see
+// them.
+template <int Quads>
 struct EyeRays {
+    static constexpr int kQuads = Quads;
     const TriangleAccel* accel;
     float origin[3];
     long double exactOrigin[3];
-    __m128 direction[3], inverse[3];
-    alignas(16) float laneDirection[3][4];
+    __m128 direction[Quads][3], inverse[Quads][3];
+    alignas(16) float laneDirection[3][4 * Quads];
     int towardsLower[3];  // the order of the group being walked
     int negative[3];      // per axis, the lanes that walk towards lower coordinates
-    __m128 distance, u, v;
-    __m128i id;  // also the hit memory: the last triangle accepted
+    __m128 distance[Quads], u[Quads], v[Quads];
+    __m128i id[Quads];  // also the hit memory: the last triangle accepted
 
-    __m128 splitDistance(int axis, float split) const {
-        return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[axis]);
+    __m128 splitDistance(int axis, float split, int quad) const {
+        return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[quad][axis]);
     }
 
-    // The lanes of `candidates` that the record might hit in extended
-    // precision: those whose plane lies not clearly behind the origin nor
-    // beyond the current distance, whose denominator is not clearly below
-    // the parallel limit, and whose single-precision weights are not
-    // clearly of both signs. Each quantity's error is bounded by
+    // The lanes of `candidates` in one quad that the record might hit in
+    // extended precision: those whose plane lies not clearly behind the
+    // origin nor beyond the current distance, whose denominator is not
+    // clearly below the parallel limit, and whose single-precision weights
+    // are not clearly of both signs. Each quantity's error is bounded by
     // kSieveSlack times the magnitudes of the terms it was summed from.
-    int mightHit(const TriangleAccel& rec, int k, int a, int b, __m128 candidates) const {
-        const float ou = rec.cu - origin[a], ov = rec.cv - origin[b];
-        const float ok = rec.ck - origin[k];
-        const float num = (ok + rec.nu * ou) + rec.nv * ov;
-        const float numError = kSieveSlack * (__builtin_fabsf(ok) + __builtin_fabsf(rec.nu * ou) +
-                                              __builtin_fabsf(rec.nv * ov));
-        const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
-        const __m128 ru = magnitude(direction[a]), rv = magnitude(direction[b]);
-        const __m128 planeTerms =
-            _mm_add_ps(_mm_add_ps(magnitude(direction[k]),
-                                  _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rec.nu)), ru)),
-                       _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rec.nv)), rv));
+    int mightHit(const TriangleAccel& rec, int k, int a, int b, const SharedTerms& rel, int quad,
+                 __m128 candidates) const {
+        const __m128* r = direction[quad];
+        const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, r);
+        const __m128 ru = magnitude(r[a]), rv = magnitude(r[b]);
+        const __m128 planeTerms = _mm_add_ps(
+            _mm_add_ps(magnitude(r[k]), _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rec.nu)), ru)),
+            _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rec.nv)), rv));
         const __m128 denomError = _mm_mul_ps(planeTerms, _mm_set1_ps(kSieveSlack));
         // t = num / denom lies in (0, distance - margin) as num * sign(denom)
         // lies in (0, (distance - margin) * |denom|); no division needed.
         const __m128 absDenom = magnitude(denom);
-        const __m128 ahead = _mm_xor_ps(_mm_set1_ps(num), _mm_andnot_ps(absDenom, denom));
-        const __m128 reach = _mm_mul_ps(_mm_mul_ps(_mm_sub_ps(distance, _mm_set1_ps(kEyeLimit)),
-                                                   _mm_add_ps(absDenom, denomError)),
-                                        _mm_set1_ps(1.0f + kSieveSlack));
+        const __m128 ahead = _mm_xor_ps(_mm_set1_ps(rel.num), _mm_andnot_ps(absDenom, denom));
+        const __m128 reach =
+            _mm_mul_ps(_mm_mul_ps(_mm_sub_ps(distance[quad], _mm_set1_ps(kEyeLimit)),
+                                  _mm_add_ps(absDenom, denomError)),
+                       _mm_set1_ps(1.0f + kSieveSlack));
         const __m128 within =
-            _mm_and_ps(_mm_cmpgt_ps(ahead, _mm_set1_ps(-numError)),
-                       _mm_cmplt_ps(_mm_sub_ps(ahead, _mm_set1_ps(numError)), reach));
+            _mm_and_ps(_mm_cmpgt_ps(ahead, _mm_set1_ps(-rel.numError)),
+                       _mm_cmplt_ps(_mm_sub_ps(ahead, _mm_set1_ps(rel.numError)), reach));
         const __m128 signUnsure = _mm_cmple_ps(absDenom, denomError);
         const __m128 steep = _mm_cmpge_ps(_mm_add_ps(absDenom, denomError), _mm_set1_ps(kEyeLimit));
         const __m128 inRange =
@@ -79,14 +85,14 @@ struct EyeRays {
         if (!_mm_movemask_ps(inRange)) return 0;
 
         const kel::packet::TriangleWeights raw =
-            kel::packet::triangleWeights(rec, a, b, direction, _mm_set1_ps(ou), _mm_set1_ps(ov),
-                                         _mm_set1_ps(num), denom, _mm_setzero_ps());
+            kel::packet::triangleWeights(rec, a, b, r, _mm_set1_ps(rel.ou), _mm_set1_ps(rel.ov),
+                                         _mm_set1_ps(rel.num), denom, _mm_setzero_ps());
         const float edgeScale =
             largest(largest(__builtin_fabsf(rec.e2u), __builtin_fabsf(rec.e2v)),
                     largest(__builtin_fabsf(rec.e1u), __builtin_fabsf(rec.e1v)));
         const __m128 hitTerms = _mm_add_ps(
-            _mm_mul_ps(_mm_add_ps(ru, rv), _mm_set1_ps(__builtin_fabsf(num) + numError)),
-            _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(ou) + __builtin_fabsf(ov)), planeTerms));
+            _mm_mul_ps(_mm_add_ps(ru, rv), _mm_set1_ps(__builtin_fabsf(rel.num) + rel.numError)),
+            _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rel.ou) + __builtin_fabsf(rel.ov)), planeTerms));
         const __m128 weightSlack = _mm_add_ps(
             _mm_mul_ps(_mm_add_ps(_mm_mul_ps(hitTerms, _mm_set1_ps(edgeScale)), planeTerms),
                        _mm_set1_ps(kSieveSlack)),
@@ -103,16 +109,27 @@ struct EyeRays {
     }
 
     int testLeaf(const int32_t* triangles, int count, int lanes) {
-        const __m128 active = laneMask(lanes);
         for (int i = 0; i < count; ++i) {
             const int n = triangles[i];
             const TriangleAccel& rec = accel[n];
             const uint32_t axes = rec.axes;
             if (axes == 0) continue;
             const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
-            const __m128 candidates =
-                _mm_andnot_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(id, _mm_set1_epi32(n))), active);
-            const int sifted = mightHit(rec, k, a, b, candidates);
+            SharedTerms rel;
+            rel.ou = rec.cu - origin[a];
+            rel.ov = rec.cv - origin[b];
+            const float ok = rec.ck - origin[k];
+            rel.num = (ok + rec.nu * rel.ou) + rec.nv * rel.ov;
+            rel.numError = kSieveSlack * (__builtin_fabsf(ok) + __builtin_fabsf(rec.nu * rel.ou) +
+                                          __builtin_fabsf(rec.nv * rel.ov));
+            int sifted = 0;
+            for (int q = 0; q < Quads; ++q) {
+                const int quad = kel::packet::quadLanes(lanes, q);
+                if (!quad) continue;
+                const __m128 candidates = _mm_andnot_ps(
+                    _mm_castsi128_ps(_mm_cmpeq_epi32(id[q], _mm_set1_epi32(n))), laneMask(quad));
+                sifted |= mightHit(rec, k, a, b, rel, q, candidates) << (4 * q);
+            }
             if (sifted) decide(rec, n, sifted);
         }
         return lanes;
@@ -120,13 +137,15 @@ struct EyeRays {
 
     // The scalar worker's extended-precision test on the sifted lanes.
     void decide(const TriangleAccel& rec, int n, int lanes) {
-        alignas(16) float t[4], hu[4], hv[4];
-        alignas(16) int ids[4];
-        _mm_store_ps(t, distance);
-        _mm_store_ps(hu, u);
-        _mm_store_ps(hv, v);
-        _mm_store_si128(reinterpret_cast<__m128i*>(ids), id);
-        for (int lane = 0; lane < 4; ++lane) {
+        alignas(16) float t[4 * Quads], hu[4 * Quads], hv[4 * Quads];
+        alignas(16) int ids[4 * Quads];
+        for (int q = 0; q < Quads; ++q) {
+            _mm_store_ps(t + 4 * q, distance[q]);
+            _mm_store_ps(hu + 4 * q, u[q]);
+            _mm_store_ps(hv + 4 * q, v[q]);
+            _mm_store_si128(reinterpret_cast<__m128i*>(ids + 4 * q), id[q]);
+        }
+        for (int lane = 0; lane < 4 * Quads; ++lane) {
             if (!(lanes >> lane & 1)) continue;
             const long double r[3] = {laneDirection[0][lane], laneDirection[1][lane],
                                       laneDirection[2][lane]};
@@ -139,70 +158,80 @@ struct EyeRays {
             hv[lane] = float(hit.v);
             ids[lane] = n;
         }
-        distance = _mm_load_ps(t);
-        u = _mm_load_ps(hu);
-        v = _mm_load_ps(hv);
-        id = _mm_load_si128(reinterpret_cast<const __m128i*>(ids));
+        for (int q = 0; q < Quads; ++q) {
+            distance[q] = _mm_load_ps(t + 4 * q);
+            u[q] = _mm_load_ps(hu + 4 * q);
+            v[q] = _mm_load_ps(hv + 4 * q);
+            id[q] = _mm_load_si128(reinterpret_cast<const __m128i*>(ids + 4 * q));
+        }
     }
 
     // A hit within the interval just finished is nearer than anything behind.
-    int finished(__m128 tFar) const { return _mm_movemask_ps(_mm_cmpngt_ps(distance, tFar)); }
+    int finished(const __m128* tFar) const {
+        int lanes = 0;
+        for (int q = 0; q < Quads; ++q)
+            lanes |= _mm_movemask_ps(_mm_cmpngt_ps(distance[q], tFar[q])) << (4 * q);
+        return lanes;
+    }
 };
 
-// Loads four rays and clips them to the box relative to the shared origin
-// (lo, hi) as the scalar worker does; returns the lanes left to walk. A lane
-// whose component is too small to invert skips that slab.
-int startEyeRays(EyeRays* rays, const float origin[3], const float* const direction[3],
-                 const float lo[3], const float hi[3], const float* pDistance, float* const hit[2],
-                 const int* pTriangleId, int lanes, __m128* tNearOut, __m128* tFarOut) {
-    rays->distance = _mm_load_ps(pDistance);
-    rays->u = _mm_load_ps(hit[0]);
-    rays->v = _mm_load_ps(hit[1]);
-    const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(pTriangleId));
-    rays->id = select(laneMask(lanes), _mm_set1_epi32(-1), ids);
-    __m128 tNear = _mm_setzero_ps(), tFar = _mm_set1_ps(kFloatMax);
-    for (int a = 0; a < 3; ++a) {
-        rays->origin[a] = origin[a];
-        rays->exactOrigin[a] = origin[a];
-        const __m128 r = _mm_load_ps(direction[a]);
-        rays->direction[a] = r;
-        _mm_store_ps(rays->laneDirection[a], r);
-        rays->negative[a] = kel::packet::invertedNegative(r);
-        const __m128 tiny = kel::packet::tinyComponents(r);
-
-        rays->inverse[a] = select(tiny, _mm_set1_ps(kel::packet::kEyeZeroInverse),
-                                  _mm_div_ps(_mm_set1_ps(1.0f), r));
-        const __m128 t1 = _mm_div_ps(_mm_set1_ps(lo[a]), r);
-        const __m128 t2 = _mm_div_ps(_mm_set1_ps(hi[a]), r);
-        const __m128 entry = _mm_min_ps(t2, t1), exit = _mm_max_ps(t1, t2);
-        tNear = select(tiny, tNear, _mm_max_ps(entry, tNear));
-        tFar = select(tiny, tFar, _mm_min_ps(exit, tFar));
-    }
-    *tNearOut = tNear;
-    *tFarOut = _mm_add_ps(tFar, _mm_set1_ps(kel::kFarExtension));
-    return lanes & ~_mm_movemask_ps(_mm_cmpgt_ps(tNear, tFar));
-}
-
-KelStatus traceEyeRow(const float origin[3], const float* const direction[3],
-                      const float* pSceneBox, const TriangleAccel* pAccel, const KDTreeNode* pTree,
-                      float* pDistance, float* const hit[2], int* pTriangleId, int lanes) {
+// Traces the `lanes` of one or two rows of four eye rays (rows `width`
+// elements apart). Each ray is clipped to the box relative to the shared
+// origin as the scalar worker clips it; a component too small to invert
+// skips that slab.
+template <int Quads>
+KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
+                       const float* pSceneBox, const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                       float* pDistance, float* const hit[2], int* pTriangleId, int width,
+                       int lanes) {
     float lo[3], hi[3];
+    EyeRays<Quads> rays;
+    rays.accel = pAccel;
     for (int a = 0; a < 3; ++a) {
         lo[a] = pSceneBox[a] - origin[a];
         hi[a] = pSceneBox[a + 3] - origin[a];
+        rays.origin[a] = origin[a];
+        rays.exactOrigin[a] = origin[a];
+        rays.negative[a] = 0;
     }
-    EyeRays rays;
-    rays.accel = pAccel;
-    __m128 tNear, tFar;
-    const int live = startEyeRays(&rays, origin, direction, lo, hi, pDistance, hit, pTriangleId,
-                                  lanes, &tNear, &tFar);
+    __m128 tNear[Quads], tFar[Quads];
+    int live = 0;
+    for (int q = 0; q < Quads; ++q) {
+        const int row = q * width;
+        rays.distance[q] = _mm_load_ps(pDistance + row);
+        rays.u[q] = _mm_load_ps(hit[0] + row);
+        rays.v[q] = _mm_load_ps(hit[1] + row);
+        const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(pTriangleId + row));
+        const int quad = kel::packet::quadLanes(lanes, q);
+        rays.id[q] = select(laneMask(quad), _mm_set1_epi32(-1), ids);
+        __m128 entry = _mm_setzero_ps(), exit = _mm_set1_ps(kFloatMax);
+        for (int a = 0; a < 3; ++a) {
+            const __m128 r = _mm_load_ps(direction[a] + row);
+            rays.direction[q][a] = r;
+            _mm_store_ps(rays.laneDirection[a] + 4 * q, r);
+            rays.negative[a] |= kel::packet::invertedNegative(r) << (4 * q);
+            const __m128 tiny = kel::packet::tinyComponents(r);
+            rays.inverse[q][a] = select(tiny, _mm_set1_ps(kel::packet::kEyeZeroInverse),
+                                        _mm_div_ps(_mm_set1_ps(1.0f), r));
+            const __m128 t1 = _mm_div_ps(_mm_set1_ps(lo[a]), r);
+            const __m128 t2 = _mm_div_ps(_mm_set1_ps(hi[a]), r);
+            entry = select(tiny, entry, _mm_max_ps(_mm_min_ps(t2, t1), entry));
+            exit = select(tiny, exit, _mm_min_ps(_mm_max_ps(t1, t2), exit));
+        }
+        tNear[q] = entry;
+        tFar[q] = _mm_add_ps(exit, _mm_set1_ps(kel::kFarExtension));
+        live |= (quad & ~_mm_movemask_ps(_mm_cmpgt_ps(entry, exit))) << (4 * q);
+    }
     const KelStatus status =
         live ? kel::packet::traverseByOrder(rays, rays.negative, pTree, tNear, tFar, live)
              : KEL_STS_OK;
-    _mm_store_ps(pDistance, rays.distance);
-    _mm_store_ps(hit[0], rays.u);
-    _mm_store_ps(hit[1], rays.v);
-    _mm_store_si128(reinterpret_cast<__m128i*>(pTriangleId), rays.id);
+    for (int q = 0; q < Quads; ++q) {
+        const int row = q * width;
+        _mm_store_ps(pDistance + row, rays.distance[q]);
+        _mm_store_ps(hit[0] + row, rays.u[q]);
+        _mm_store_ps(hit[1] + row, rays.v[q]);
+        _mm_store_si128(reinterpret_cast<__m128i*>(pTriangleId + row), rays.id[q]);
+    }
     return status;
 }
 
@@ -240,21 +269,18 @@ KEL_API KelStatus ownIntersectEyeBlock4x1(const float origin[3], const float* co
                                           const float* pSceneBox, const TriangleAccel* pAccel,
                                           const KDTreeNode* pTree, float* pDistance,
                                           float* const hit[2], int* pTriangleId, int lanes) {
-    return traceEyeRow(origin, direction, pSceneBox, pAccel, pTree, pDistance, hit, pTriangleId,
-                       lanes);
+    return traceEyeRays<1>(origin, direction, pSceneBox, pAccel, pTree, pDistance, hit, pTriangleId,
+                           0, lanes);
 }
 
+// The two rows go as one packet of eight lanes: they share every node visit
+// and every record's set-up.
 KEL_API KelStatus ownIntersectEyeBlock4x2(const float origin[3], const float* const direction[3],
                                           const float* pSceneBox, const TriangleAccel* pAccel,
                                           const KDTreeNode* pTree, float* pDistance,
                                           float* const hit[2], int* pTriangleId, int width) {
-    const KelStatus first = traceEyeRow(origin, direction, pSceneBox, pAccel, pTree, pDistance, hit,
-                                        pTriangleId, kel::packet::kAllLanes);
-    const float* d[3] = {direction[0] + width, direction[1] + width, direction[2] + width};
-    float* h[2] = {hit[0] + width, hit[1] + width};
-    const KelStatus second = traceEyeRow(origin, d, pSceneBox, pAccel, pTree, pDistance + width, h,
-                                         pTriangleId + width, kel::packet::kAllLanes);
-    return first != KEL_STS_OK ? first : second;
+    return traceEyeRays<2>(origin, direction, pSceneBox, pAccel, pTree, pDistance, hit, pTriangleId,
+                           width, 0xFF);
 }
 
 KEL_API KelStatus ownIntersectEyeBlock4_w7(const float origin[3], const float* const direction[3],

@@ -20,111 +20,128 @@ constexpr float kMargin = 1e-5f;
 // Rays with a shorter distance than this find nothing.
 constexpr float kShortestRay = 1.1920929e-6f;
 
+// One or two rows of four rays with their own origins.
+template <int Quads>
 struct OwnOriginRays {
+    static constexpr int kQuads = Quads;
     const TriangleAccel* accel;
-    __m128 origin[3], direction[3], inverse[3];
+    __m128 origin[Quads][3], direction[Quads][3], inverse[Quads][3];
     int towardsLower[3];  // the order of the group being walked
     int negative[3];      // per axis, the lanes that walk towards lower coordinates
-    __m128 distance, u, v;
-    __m128i id;  // also the hit memory: the last triangle accepted
+    __m128 distance[Quads], u[Quads], v[Quads];
+    __m128i id[Quads];  // also the hit memory: the last triangle accepted
 
-    __m128 splitDistance(int axis, float split) const {
-        return _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(split), origin[axis]), inverse[axis]);
+    __m128 splitDistance(int axis, float split, int quad) const {
+        return _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(split), origin[quad][axis]), inverse[quad][axis]);
+    }
+
+    // The scalar worker's single-precision test on the lanes of one quad.
+    void testQuad(const TriangleAccel& rec, int n, int k, int a, int b, int q, int lanes) {
+        const __m128* o = origin[q];
+        const __m128* r = direction[q];
+        const __m128 ou = _mm_sub_ps(_mm_set1_ps(rec.cu), o[a]);
+        const __m128 ov = _mm_sub_ps(_mm_set1_ps(rec.cv), o[b]);
+        const __m128 num = _mm_add_ps(
+            _mm_add_ps(_mm_sub_ps(_mm_set1_ps(rec.ck), o[k]), _mm_mul_ps(_mm_set1_ps(rec.nu), ou)),
+            _mm_mul_ps(_mm_set1_ps(rec.nv), ov));
+        const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, r);
+        const __m128 t = _mm_div_ps(num, denom);
+        const __m128i triangle = _mm_set1_epi32(n);
+        __m128 accept =
+            _mm_andnot_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(id[q], triangle)), laneMask(lanes));
+        accept = _mm_and_ps(
+            accept, _mm_cmpnlt_ps(kel::packet::magnitude(denom), _mm_set1_ps(kParallelBelow)));
+        accept = _mm_and_ps(accept, _mm_cmpgt_ps(t, _mm_setzero_ps()));
+        accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_sub_ps(distance[q], _mm_set1_ps(kMargin))));
+        if (!_mm_movemask_ps(accept)) return;
+        const kel::packet::TriangleWeights w =
+            kel::packet::triangleWeights(rec, a, b, r, ou, ov, num, denom, _mm_set1_ps(kZeroBelow));
+        accept = _mm_and_ps(accept, w.inside);
+        if (!_mm_movemask_ps(accept)) return;
+        distance[q] = select(accept, t, distance[q]);
+        u[q] = select(accept, _mm_div_ps(w.wA, denom), u[q]);
+        v[q] = select(accept, _mm_div_ps(w.wB, denom), v[q]);
+        id[q] = select(accept, triangle, id[q]);
     }
 
     int testLeaf(const int32_t* triangles, int count, int lanes) {
-        const __m128 active = laneMask(lanes);
         for (int i = 0; i < count; ++i) {
             const int n = triangles[i];
             const TriangleAccel& rec = accel[n];
             const uint32_t axes = rec.axes;
             if (axes == 0) continue;
             const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
-            const __m128 ou = _mm_sub_ps(_mm_set1_ps(rec.cu), origin[a]);
-            const __m128 ov = _mm_sub_ps(_mm_set1_ps(rec.cv), origin[b]);
-            const __m128 num = _mm_add_ps(_mm_add_ps(_mm_sub_ps(_mm_set1_ps(rec.ck), origin[k]),
-                                                     _mm_mul_ps(_mm_set1_ps(rec.nu), ou)),
-                                          _mm_mul_ps(_mm_set1_ps(rec.nv), ov));
-            const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
-            const __m128 t = _mm_div_ps(num, denom);
-            const __m128i triangle = _mm_set1_epi32(n);
-            __m128 accept = _mm_andnot_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(id, triangle)), active);
-            accept = _mm_and_ps(
-                accept, _mm_cmpnlt_ps(kel::packet::magnitude(denom), _mm_set1_ps(kParallelBelow)));
-            accept = _mm_and_ps(accept, _mm_cmpgt_ps(t, _mm_setzero_ps()));
-            accept =
-                _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_sub_ps(distance, _mm_set1_ps(kMargin))));
-            if (!_mm_movemask_ps(accept)) continue;
-            const kel::packet::TriangleWeights w = kel::packet::triangleWeights(
-                rec, a, b, direction, ou, ov, num, denom, _mm_set1_ps(kZeroBelow));
-            accept = _mm_and_ps(accept, w.inside);
-            if (!_mm_movemask_ps(accept)) continue;
-            distance = select(accept, t, distance);
-            u = select(accept, _mm_div_ps(w.wA, denom), u);
-            v = select(accept, _mm_div_ps(w.wB, denom), v);
-            id = select(accept, triangle, id);
+            for (int q = 0; q < Quads; ++q) {
+                const int quad = kel::packet::quadLanes(lanes, q);
+                if (quad) testQuad(rec, n, k, a, b, q, quad);
+            }
         }
         return lanes;
     }
 
-    int finished(__m128 tFar) const { return _mm_movemask_ps(_mm_cmpngt_ps(distance, tFar)); }
+    int finished(const __m128* tFar) const {
+        int lanes = 0;
+        for (int q = 0; q < Quads; ++q)
+            lanes |= _mm_movemask_ps(_mm_cmpngt_ps(distance[q], tFar[q])) << (4 * q);
+        return lanes;
+    }
 };
 
-// Loads four rays and clips each to the box from its own origin, its
-// distance bounding the interval from the start; returns the lanes left to
-// walk. A ray that does not move along an axis must start strictly inside
-// that slab.
-int startOwnOriginRays(OwnOriginRays* rays, const float* const origin[3],
-                       const float* const direction[3], const float* box, const float* pDistance,
-                       float* const hit[2], const int* pTriangleId, int lanes, __m128* tNearOut,
-                       __m128* tFarOut) {
-    rays->distance = _mm_load_ps(pDistance);
-    rays->u = _mm_load_ps(hit[0]);
-    rays->v = _mm_load_ps(hit[1]);
-    const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(pTriangleId));
-    rays->id = select(laneMask(lanes), _mm_set1_epi32(-1), ids);
-    int live = lanes & _mm_movemask_ps(_mm_cmpgt_ps(rays->distance, _mm_set1_ps(kShortestRay)));
-    __m128 tNear = _mm_setzero_ps(), tFar = rays->distance;
-    for (int a = 0; a < 3; ++a) {
-        const __m128 o = _mm_load_ps(origin[a]);
-        const __m128 r = _mm_load_ps(direction[a]);
-        rays->origin[a] = o;
-        rays->direction[a] = r;
-        rays->negative[a] = kel::packet::invertedNegative(r);
-        const __m128 tiny = kel::packet::tinyComponents(r);
-        const __m128 lo = _mm_set1_ps(box[a]), hi = _mm_set1_ps(box[a + 3]);
-        const __m128 insideSlab = _mm_and_ps(_mm_cmplt_ps(lo, o), _mm_cmplt_ps(o, hi));
-        live &= ~_mm_movemask_ps(_mm_andnot_ps(insideSlab, tiny));
-
-        const __m128 inverse = _mm_div_ps(_mm_set1_ps(1.0f), r);
-        rays->inverse[a] = select(tiny, _mm_set1_ps(kel::packet::kZeroInverse), inverse);
-        const __m128 t1 = _mm_mul_ps(_mm_sub_ps(lo, o), inverse);
-        const __m128 t2 = _mm_mul_ps(_mm_sub_ps(hi, o), inverse);
-        const __m128 entry = _mm_min_ps(t2, t1), exit = _mm_max_ps(t1, t2);
-        tNear = select(tiny, tNear, _mm_max_ps(entry, tNear));
-        tFar = select(tiny, tFar, _mm_min_ps(exit, tFar));
-    }
-    *tNearOut = tNear;
-    *tFarOut = _mm_add_ps(tFar, _mm_set1_ps(kel::kFarExtension));
-    return live & ~_mm_movemask_ps(_mm_cmpgt_ps(tNear, tFar));
-}
-
-KelStatus traceOwnOriginRow(const float* const origin[3], const float* const direction[3],
-                            const float* pSceneBox, const TriangleAccel* pAccel,
-                            const KDTreeNode* pTree, float* pDistance, float* const hit[2],
-                            int* pTriangleId, int lanes) {
-    OwnOriginRays rays;
+// Traces the `lanes` of one or two rows of four rays (rows `width` elements
+// apart). Each ray is clipped to the box from its own origin, its distance
+// bounding the interval from the start; a ray that does not move along an
+// axis must start strictly inside that slab.
+template <int Quads>
+KelStatus traceOwnOriginRays(const float* const origin[3], const float* const direction[3],
+                             const float* box, const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                             float* pDistance, float* const hit[2], int* pTriangleId, int width,
+                             int lanes) {
+    OwnOriginRays<Quads> rays;
     rays.accel = pAccel;
-    __m128 tNear, tFar;
-    const int live = startOwnOriginRays(&rays, origin, direction, pSceneBox, pDistance, hit,
-                                        pTriangleId, lanes, &tNear, &tFar);
+    for (int a = 0; a < 3; ++a) rays.negative[a] = 0;
+    __m128 tNear[Quads], tFar[Quads];
+    int live = 0;
+    for (int q = 0; q < Quads; ++q) {
+        const int row = q * width;
+        rays.distance[q] = _mm_load_ps(pDistance + row);
+        rays.u[q] = _mm_load_ps(hit[0] + row);
+        rays.v[q] = _mm_load_ps(hit[1] + row);
+        const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(pTriangleId + row));
+        int quad = kel::packet::quadLanes(lanes, q);
+        rays.id[q] = select(laneMask(quad), _mm_set1_epi32(-1), ids);
+        quad &= _mm_movemask_ps(_mm_cmpgt_ps(rays.distance[q], _mm_set1_ps(kShortestRay)));
+        __m128 entry = _mm_setzero_ps(), exit = rays.distance[q];
+        for (int a = 0; a < 3; ++a) {
+            const __m128 o = _mm_load_ps(origin[a] + row);
+            const __m128 r = _mm_load_ps(direction[a] + row);
+            rays.origin[q][a] = o;
+            rays.direction[q][a] = r;
+            rays.negative[a] |= kel::packet::invertedNegative(r) << (4 * q);
+            const __m128 tiny = kel::packet::tinyComponents(r);
+            const __m128 lo = _mm_set1_ps(box[a]), hi = _mm_set1_ps(box[a + 3]);
+            const __m128 insideSlab = _mm_and_ps(_mm_cmplt_ps(lo, o), _mm_cmplt_ps(o, hi));
+            quad &= ~_mm_movemask_ps(_mm_andnot_ps(insideSlab, tiny));
+            const __m128 inverse = _mm_div_ps(_mm_set1_ps(1.0f), r);
+            rays.inverse[q][a] = select(tiny, _mm_set1_ps(kel::packet::kZeroInverse), inverse);
+            const __m128 t1 = _mm_mul_ps(_mm_sub_ps(lo, o), inverse);
+            const __m128 t2 = _mm_mul_ps(_mm_sub_ps(hi, o), inverse);
+            entry = select(tiny, entry, _mm_max_ps(_mm_min_ps(t2, t1), entry));
+            exit = select(tiny, exit, _mm_min_ps(_mm_max_ps(t1, t2), exit));
+        }
+        tNear[q] = entry;
+        tFar[q] = _mm_add_ps(exit, _mm_set1_ps(kel::kFarExtension));
+        live |= (quad & ~_mm_movemask_ps(_mm_cmpgt_ps(entry, exit))) << (4 * q);
+    }
     const KelStatus status =
         live ? kel::packet::traverseByOrder(rays, rays.negative, pTree, tNear, tFar, live)
              : KEL_STS_OK;
-    _mm_store_ps(pDistance, rays.distance);
-    _mm_store_ps(hit[0], rays.u);
-    _mm_store_ps(hit[1], rays.v);
-    _mm_store_si128(reinterpret_cast<__m128i*>(pTriangleId), rays.id);
+    for (int q = 0; q < Quads; ++q) {
+        const int row = q * width;
+        _mm_store_ps(pDistance + row, rays.distance[q]);
+        _mm_store_ps(hit[0] + row, rays.u[q]);
+        _mm_store_ps(hit[1] + row, rays.v[q]);
+        _mm_store_si128(reinterpret_cast<__m128i*>(pTriangleId + row), rays.id[q]);
+    }
     return status;
 }
 
@@ -162,23 +179,18 @@ KEL_API KelStatus ownIntersectBlock4x1(const float* const origin[3],
                                        const TriangleAccel* pAccel, const KDTreeNode* pTree,
                                        float* pDistance, float* const hit[2], int* pTriangleId,
                                        int lanes) {
-    return traceOwnOriginRow(origin, direction, pSceneBox, pAccel, pTree, pDistance, hit,
-                             pTriangleId, lanes);
+    return traceOwnOriginRays<1>(origin, direction, pSceneBox, pAccel, pTree, pDistance, hit,
+                                 pTriangleId, 0, lanes);
 }
 
+// The two rows go as one packet of eight lanes: they share every node visit.
 KEL_API KelStatus ownIntersectBlock4x2(const float* const origin[3],
                                        const float* const direction[3], const float* pSceneBox,
                                        const TriangleAccel* pAccel, const KDTreeNode* pTree,
                                        float* pDistance, float* const hit[2], int* pTriangleId,
                                        int width) {
-    const KelStatus first = traceOwnOriginRow(origin, direction, pSceneBox, pAccel, pTree,
-                                              pDistance, hit, pTriangleId, kel::packet::kAllLanes);
-    const float* o[3] = {origin[0] + width, origin[1] + width, origin[2] + width};
-    const float* d[3] = {direction[0] + width, direction[1] + width, direction[2] + width};
-    float* h[2] = {hit[0] + width, hit[1] + width};
-    const KelStatus second = traceOwnOriginRow(o, d, pSceneBox, pAccel, pTree, pDistance + width, h,
-                                               pTriangleId + width, kel::packet::kAllLanes);
-    return first != KEL_STS_OK ? first : second;
+    return traceOwnOriginRays<2>(origin, direction, pSceneBox, pAccel, pTree, pDistance, hit,
+                                 pTriangleId, width, 0xFF);
 }
 
 KEL_API KelStatus ownIntersectBlock4_w7(const float* const origin[3],
