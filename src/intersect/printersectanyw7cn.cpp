@@ -11,6 +11,21 @@ using kel::packet::select;
 // Shadow segments run from the light (t = 0) to the lit point (t = 1).
 constexpr float kSegmentEnd = 1.0f;
 
+// The lanes of `lanes` (segments from the shared origin along r) that the
+// record occludes, with the scalar shadow walk's single-precision test.
+int occludingLanes(const TriangleAccel& rec, int k, int a, int b,
+                   const kel::packet::SharedOriginTerms& rel, const __m128 r[3], __m128 lanes) {
+    const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, r);
+    const __m128 t = _mm_div_ps(rel.num, denom);
+    __m128 accept = _mm_and_ps(lanes, _mm_cmpgt_ps(t, _mm_setzero_ps()));
+    accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_set1_ps(kSegmentEnd)));
+    if (!_mm_movemask_ps(accept)) return 0;
+    return _mm_movemask_ps(
+        _mm_and_ps(accept, kel::packet::triangleWeights(rec, a, b, r, rel.ou, rel.ov, rel.num,
+                                                        denom, _mm_set1_ps(kel::kTinyComponent))
+                               .inside));
+}
+
 // One or two rows of four shadow segments: each lane stops at the first
 // occluder it finds.
 template <int Quads>
@@ -27,21 +42,6 @@ struct SegmentRays {
         return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[quad][axis]);
     }
 
-    // The lanes of one quad that the record occludes.
-    int occludedBy(const TriangleAccel& rec, int k, int a, int b,
-                   const kel::packet::SharedOriginTerms& rel, int q, int lanes) const {
-        const __m128* r = direction[q];
-        const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, r);
-        const __m128 t = _mm_div_ps(rel.num, denom);
-        __m128 accept = _mm_and_ps(laneMask(lanes), _mm_cmpgt_ps(t, _mm_setzero_ps()));
-        accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_set1_ps(kSegmentEnd)));
-        if (!_mm_movemask_ps(accept)) return 0;
-        return _mm_movemask_ps(
-            _mm_and_ps(accept, kel::packet::triangleWeights(rec, a, b, r, rel.ou, rel.ov, rel.num,
-                                                            denom, _mm_set1_ps(kel::kTinyComponent))
-                                   .inside));
-    }
-
     int testLeaf(const int32_t* triangles, int count, int lanes) {
         for (int i = 0; i < count; ++i) {
             const int n = triangles[i];
@@ -55,7 +55,7 @@ struct SegmentRays {
             for (int q = 0; q < Quads; ++q) {
                 const int quad = kel::packet::quadLanes(lanes, q);
                 if (!quad) continue;
-                const int hit = occludedBy(rec, k, a, b, rel, q, quad);
+                const int hit = occludingLanes(rec, k, a, b, rel, direction[q], laneMask(quad));
                 if (hit) id[q] = select(laneMask(hit), _mm_set1_epi32(n), id[q]);
                 found |= hit << (4 * q);
             }
@@ -263,15 +263,9 @@ KEL_API void ownIntersectOccluder4x4(const float origin[3], const float* const d
         if (!_mm_movemask_ps(traced)) continue;
         const __m128 d[3] = {_mm_load_ps(direction[0] + first), _mm_load_ps(direction[1] + first),
                              _mm_load_ps(direction[2] + first)};
-        const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, d);
-        const __m128 t = _mm_div_ps(rel.num, denom);
-        __m128 accept = _mm_and_ps(traced, _mm_cmpgt_ps(t, _mm_setzero_ps()));
-        accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_set1_ps(kSegmentEnd)));
-        accept =
-            _mm_and_ps(accept, kel::packet::triangleWeights(rec, a, b, d, rel.ou, rel.ov, rel.num,
-                                                            denom, _mm_set1_ps(kel::kTinyComponent))
-                                   .inside);
-        if (!_mm_movemask_ps(accept)) continue;
+        const int occluded = occludingLanes(rec, k, a, b, rel, d, traced);
+        if (!occluded) continue;
+        const __m128 accept = laneMask(occluded);
         _mm_store_si128(maskRow, select(accept, _mm_set1_epi32(-1), mask));
         _mm_store_si128(idRow, select(accept, _mm_set1_epi32(triangle), _mm_load_si128(idRow)));
     }
