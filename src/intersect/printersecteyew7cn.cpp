@@ -27,10 +27,16 @@ inline float largest(float a, float b) {
     return a > b ? a : b;
 }
 
-// The record's corner and plane relative to the shared origin, in the
-// scalar walk's order, with the bound of their rounding error.
-struct SharedTerms {
-    float ou, ov, num, numError;
+// What the sieve needs of one record, shared by all lanes: its corner and
+// plane relative to the shared origin (in the scalar walk's order), and
+// error bounds of the single-precision quantities derived from them. The
+// bounds use the packet's largest direction components, so one set serves
+// every lane.
+struct SieveTerms {
+    __m128 ou, ov, num;
+    float numError;      // of num
+    float denomError;    // of a lane's denominator
+    __m128 weightSlack;  // a weight beyond it (either way) has a sure sign
 };
 
 // One or two rows of four eye rays as the tree walk and the leaf tests see
@@ -43,8 +49,9 @@ struct EyeRays {
     long double exactOrigin[3];
     __m128 direction[Quads][3], inverse[Quads][3];
     alignas(16) float laneDirection[3][4 * Quads];
-    int towardsLower[3];  // the order of the group being walked
-    int negative[3];      // per axis, the lanes that walk towards lower coordinates
+    int towardsLower[3];        // the order of the group being walked
+    int negative[3];            // per axis, the lanes that walk towards lower coordinates
+    float largestComponent[3];  // over the traced lanes, per axis
     __m128 distance[Quads], u[Quads], v[Quads];
     __m128i id[Quads];  // also the hit memory: the last triangle accepted
 
@@ -52,25 +59,44 @@ struct EyeRays {
         return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[quad][axis]);
     }
 
+    // Each single-precision quantity of the sieve is off by at most
+    // kSieveSlack times the magnitudes of the terms it was summed from.
+    SieveTerms sieveTerms(const TriangleAccel& rec, int k, int a, int b) const {
+        const float ou = rec.cu - origin[a], ov = rec.cv - origin[b];
+        const float ok = rec.ck - origin[k];
+        const float num = (ok + rec.nu * ou) + rec.nv * ov;
+        const float numError = kSieveSlack * (__builtin_fabsf(ok) + __builtin_fabsf(rec.nu * ou) +
+                                              __builtin_fabsf(rec.nv * ov));
+        const float ru = largestComponent[a], rv = largestComponent[b];
+        const float planeTerms =
+            largestComponent[k] + __builtin_fabsf(rec.nu) * ru + __builtin_fabsf(rec.nv) * rv;
+        const float hitTerms = (ru + rv) * (__builtin_fabsf(num) + numError) +
+                               (__builtin_fabsf(ou) + __builtin_fabsf(ov)) * planeTerms;
+        const float edgeScale =
+            largest(largest(__builtin_fabsf(rec.e2u), __builtin_fabsf(rec.e2v)),
+                    largest(__builtin_fabsf(rec.e1u), __builtin_fabsf(rec.e1v)));
+        return {_mm_set1_ps(ou),
+                _mm_set1_ps(ov),
+                _mm_set1_ps(num),
+                numError,
+                planeTerms * kSieveSlack,
+                _mm_set1_ps((hitTerms * edgeScale + planeTerms) * kSieveSlack + kEyeLimit)};
+    }
+
     // The lanes of `candidates` in one quad that the record might hit in
     // extended precision: those whose plane lies not clearly behind the
     // origin nor beyond the current distance, whose denominator is not
     // clearly below the parallel limit, and whose single-precision weights
-    // are not clearly of both signs. Each quantity's error is bounded by
-    // kSieveSlack times the magnitudes of the terms it was summed from.
-    int mightHit(const TriangleAccel& rec, int k, int a, int b, const SharedTerms& rel, int quad,
+    // are not clearly of both signs.
+    int mightHit(const TriangleAccel& rec, int k, int a, int b, const SieveTerms& rel, int quad,
                  __m128 candidates) const {
         const __m128* r = direction[quad];
         const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, r);
-        const __m128 ru = magnitude(r[a]), rv = magnitude(r[b]);
-        const __m128 planeTerms = _mm_add_ps(
-            _mm_add_ps(magnitude(r[k]), _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rec.nu)), ru)),
-            _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rec.nv)), rv));
-        const __m128 denomError = _mm_mul_ps(planeTerms, _mm_set1_ps(kSieveSlack));
+        const __m128 denomError = _mm_set1_ps(rel.denomError);
         // t = num / denom lies in (0, distance - margin) as num * sign(denom)
         // lies in (0, (distance - margin) * |denom|); no division needed.
         const __m128 absDenom = magnitude(denom);
-        const __m128 ahead = _mm_xor_ps(_mm_set1_ps(rel.num), _mm_andnot_ps(absDenom, denom));
+        const __m128 ahead = _mm_xor_ps(rel.num, _mm_andnot_ps(absDenom, denom));
         const __m128 reach =
             _mm_mul_ps(_mm_mul_ps(_mm_sub_ps(distance[quad], _mm_set1_ps(kEyeLimit)),
                                   _mm_add_ps(absDenom, denomError)),
@@ -84,23 +110,12 @@ struct EyeRays {
             _mm_and_ps(_mm_and_ps(steep, _mm_or_ps(within, signUnsure)), candidates);
         if (!_mm_movemask_ps(inRange)) return 0;
 
-        const kel::packet::TriangleWeights raw =
-            kel::packet::triangleWeights(rec, a, b, r, _mm_set1_ps(rel.ou), _mm_set1_ps(rel.ov),
-                                         _mm_set1_ps(rel.num), denom, _mm_setzero_ps());
-        const float edgeScale =
-            largest(largest(__builtin_fabsf(rec.e2u), __builtin_fabsf(rec.e2v)),
-                    largest(__builtin_fabsf(rec.e1u), __builtin_fabsf(rec.e1v)));
-        const __m128 hitTerms = _mm_add_ps(
-            _mm_mul_ps(_mm_add_ps(ru, rv), _mm_set1_ps(__builtin_fabsf(rel.num) + rel.numError)),
-            _mm_mul_ps(_mm_set1_ps(__builtin_fabsf(rel.ou) + __builtin_fabsf(rel.ov)), planeTerms));
-        const __m128 weightSlack = _mm_add_ps(
-            _mm_mul_ps(_mm_add_ps(_mm_mul_ps(hitTerms, _mm_set1_ps(edgeScale)), planeTerms),
-                       _mm_set1_ps(kSieveSlack)),
-            _mm_set1_ps(kEyeLimit));
-        const __m128 negativeSlack = _mm_sub_ps(_mm_setzero_ps(), weightSlack);
+        const kel::packet::TriangleWeights raw = kel::packet::triangleWeights(
+            rec, a, b, r, rel.ou, rel.ov, rel.num, denom, _mm_setzero_ps());
+        const __m128 negativeSlack = _mm_sub_ps(_mm_setzero_ps(), rel.weightSlack);
         const __m128 clearlyPositive = _mm_or_ps(
-            _mm_or_ps(_mm_cmpgt_ps(raw.wA, weightSlack), _mm_cmpgt_ps(raw.wB, weightSlack)),
-            _mm_cmpgt_ps(raw.wC, weightSlack));
+            _mm_or_ps(_mm_cmpgt_ps(raw.wA, rel.weightSlack), _mm_cmpgt_ps(raw.wB, rel.weightSlack)),
+            _mm_cmpgt_ps(raw.wC, rel.weightSlack));
         const __m128 clearlyNegative = _mm_or_ps(
             _mm_or_ps(_mm_cmplt_ps(raw.wA, negativeSlack), _mm_cmplt_ps(raw.wB, negativeSlack)),
             _mm_cmplt_ps(raw.wC, negativeSlack));
@@ -115,13 +130,7 @@ struct EyeRays {
             const uint32_t axes = rec.axes;
             if (axes == 0) continue;
             const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
-            SharedTerms rel;
-            rel.ou = rec.cu - origin[a];
-            rel.ov = rec.cv - origin[b];
-            const float ok = rec.ck - origin[k];
-            rel.num = (ok + rec.nu * rel.ou) + rec.nv * rel.ov;
-            rel.numError = kSieveSlack * (__builtin_fabsf(ok) + __builtin_fabsf(rec.nu * rel.ou) +
-                                          __builtin_fabsf(rec.nv * rel.ov));
+            const SieveTerms rel = sieveTerms(rec, k, a, b);
             int sifted = 0;
             for (int q = 0; q < Quads; ++q) {
                 const int quad = kel::packet::quadLanes(lanes, q);
@@ -221,6 +230,13 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
         tNear[q] = entry;
         tFar[q] = _mm_add_ps(exit, _mm_set1_ps(kel::kFarExtension));
         live |= (quad & ~_mm_movemask_ps(_mm_cmpgt_ps(entry, exit))) << (4 * q);
+    }
+    for (int a = 0; a < 3; ++a) {
+        rays.largestComponent[a] = 0.0f;
+        for (int lane = 0; lane < 4 * Quads; ++lane)
+            if (lanes >> lane & 1)
+                rays.largestComponent[a] =
+                    largest(rays.largestComponent[a], __builtin_fabsf(rays.laneDirection[a][lane]));
     }
     const KelStatus status =
         live ? kel::packet::traverseByOrder(rays, rays.negative, pTree, tNear, tFar, live)
