@@ -141,14 +141,16 @@ TEST(PsahPatches, ClippingEmitsCornersAndCrossingsInEdgeOrder) {
     mesh.addVertex(2, 0.25f, 0.5f);
     mesh.addVertex(0.5f, 0.75f, 0.5f);
     mesh.addTriangle(0, 1, 2);
+    mesh.addTriangle(1, 0, 2);  // the same, walked the other way round
     Build b = build(mesh, kUnitBox);
     ASSERT_EQ(KEL_STS_OK, b.status);
     EXPECT_EQ(0, std::memcmp(kUnitBox, probe.box, sizeof kUnitBox));
-    ASSERT_EQ(1u, probe.patches.size());
-    const SeenPatch& p = probe.patches[0];
+    ASSERT_EQ(2u, probe.patches.size());
+
     // Edge 0-1 rises through x = 0 then x = 1; edge 1-2 falls through x = 1;
     // corner 2 is inside; edge 2-0 falls through x = 0. The crossings are
     // interpolated in double and rounded once; y and z cut nothing.
+    const SeenPatch& p = probe.patches[0];
     const float y12 = float(0.25 + (-1.0 / -1.5) * (0.75 - 0.25));
     const float y20 = float(0.75 + (-0.5 / -1.5) * (0.25 - 0.75));
     const std::vector<std::array<float, 3>> expected = {
@@ -164,6 +166,18 @@ TEST(PsahPatches, ClippingEmitsCornersAndCrossingsInEdgeOrder) {
     // Ties on the cut points name the lower index: min x 0 (0, 4 tie),
     // max x 1 (1, 2 tie), min y 0 (0, 1 tie), max y 3, z all equal.
     EXPECT_EQ(1u | 3u << 5, p.mask);
+
+    // Reversed: edge 1-0 falls through x = 1 then x = 0; edge 0-2 rises
+    // through x = 0; corner 2; edge 2-1 rises through x = 1.
+    const SeenPatch& q = probe.patches[1];
+    const float y02 = float(0.25 + (1.0 / 1.5) * (0.75 - 0.25));
+    const float y21 = float(0.75 + (0.5 / 1.5) * (0.25 - 0.75));
+    const std::vector<std::array<float, 3>> reversed = {
+        {1, 0.25f, 0.5f}, {0, 0.25f, 0.5f}, {0, y02, 0.5f}, {0.5f, 0.75f, 0.5f}, {1, y21, 0.5f}};
+    EXPECT_EQ(1, q.triangle);
+    EXPECT_EQ(reversed, q.points);
+    // min x 1 (1, 2 tie), max x 0 (0, 4 tie), min y 0, max y 3.
+    EXPECT_EQ(1u << 15 | 3u << 5, q.mask);
     kelrKDTreeFree(b.tree);
 }
 
