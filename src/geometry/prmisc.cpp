@@ -4,10 +4,9 @@
 
 namespace {
 
-constexpr float kFloatMax = 3.4028235e38f;            // 0x7F7FFFFF
-constexpr float kSmallestNormal = 1.1754944e-38f;     // 0x00800000
-constexpr float kBoxMarginScale = 0.0001f;            // 0x38D1B717
-constexpr float kSmoothNormalFloor = 1.1920929e-07f;  // 2^-23
+constexpr float kFloatMax = 3.4028235e38f;         // 0x7F7FFFFF
+constexpr float kSmallestNormal = 1.1754944e-38f;  // 0x00800000
+constexpr float kBoxMarginScale = 0.0001f;         // 0x38D1B717
 
 // The workers take rays four at a time; zero and negative multiples of four
 // go to them too (they write nothing then).
@@ -285,7 +284,7 @@ extern "C" KEL_API KelStatus kelrSurfSmoothNormal_32f(
             for (int k = 0; k < 3; ++k) n[k] = (n0[k] * u + n1[k] * v) + n2[k] * w;
             const float s = (n[2] * n[2] + n[1] * n[1]) + n[0] * n[0];
             // Too short to give a trustworthy direction (or NaN): no normal.
-            if (!(s >= kSmoothNormalFloor)) {
+            if (!(s >= kel::kShortNormalSquare)) {
                 zeroTriple(normal, i);
                 return;
             }

@@ -11,6 +11,15 @@
 
 #include "core/kel_private.h"
 
+namespace kel {
+
+// 2^-23. The scalar smooth-normal loop leaves a normal whose squared length
+// is below it at zero; the worker puts it in place of a squared length of
+// exactly zero, so that its reciprocal estimate stays finite.
+constexpr float kShortNormalSquare = 1.1920929e-07f;
+
+}  // namespace kel
+
 extern "C" {
 
 // Eye-ray directions of a width x height block whose first pixel is column

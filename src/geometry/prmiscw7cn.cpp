@@ -219,14 +219,14 @@ inline __m128 vertexOrPlaceholder(const float* vertexNormals, const int* triangl
 }
 
 // The interpolated, unnormalised normals of four hits; inactive lanes hold
-// placeholders. Four hits on one triangle load its vertex normals once.
+// placeholders. Four hits on one triangle load its vertex normals once. Only
+// groups with an active lane come here, so four equal ids are four hits.
 Vec3 interpolate(const float* vertexNormals, const int* triangleIndices, const int* hit, __m128 u,
-                 __m128 v, __m128 inactive, int stride) {
+                 __m128 v, int stride) {
     const __m128 w = _mm_sub_ps(_mm_sub_ps(kOne, u), v);
     Vec3 n[3];
     const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(hit));
     const bool oneTriangle =
-        _mm_movemask_ps(inactive) == 0 &&
         _mm_movemask_epi8(_mm_cmpeq_epi32(ids, _mm_shuffle_epi32(ids, 0))) == 0xFFFF;
     if (oneTriangle) {
         const int* triangle = triangleIndices + hit[0] * stride;
@@ -247,7 +247,7 @@ Vec3 interpolate(const float* vertexNormals, const int* triangleIndices, const i
 // Reciprocal length from the hardware estimate and one Newton step: about
 // 22 bits, and any non-zero vector is normalised, however short.
 inline __m128 reciprocalLength(Vec3 n) {
-    const __m128 floor = _mm_set1_ps(1.1920929e-07f);  // 2^-23
+    const __m128 floor = _mm_set1_ps(kel::kShortNormalSquare);
     __m128 s = dot(n, n);
     s = select(_mm_cmpeq_ps(s, kZero), floor, s);
     const __m128 r = _mm_rsqrt_ps(s);
@@ -348,9 +348,9 @@ extern "C" KEL_API KelStatus ownSurfSmoothNormal_32f(
     return forEachGroup<L>(
         pHitTriangle, count, [&](int i) { storeTriple<L>(normal, i, splat(kZero)); },
         [&](int i, __m128 inactive) {
-            const Vec3 n = interpolate(pVertexNormals, pTriangleIndices, pHitTriangle + i,
-                                       L::load(barycentric[0] + i), L::load(barycentric[1] + i),
-                                       inactive, stride);
+            const Vec3 n =
+                interpolate(pVertexNormals, pTriangleIndices, pHitTriangle + i,
+                            L::load(barycentric[0] + i), L::load(barycentric[1] + i), stride);
             storeTriple<L>(normal, i, activeOnly(inactive, n * reciprocalLength(n)));
         });
 }
