@@ -78,8 +78,9 @@ struct SegmentRays {
 // Traces the segments of one or two rows of four (rows `width` elements
 // apart) whose lane is in `lanes` and whose mask entry is >= 0; an occluded
 // one gets mask -1 and the occluder's number, a clear one id -1. The
-// inverse directions are those of the scalar shadow walk, whose side of
-// each split follows the sign even of a component too small to invert.
+// inverse directions are those of the scalar shadow walk: its side of each
+// split follows the sign even of a component too small to invert, and a
+// component that is not a number keeps its undefined inverse.
 template <int Quads>
 KelStatus traceSegments(const float origin[3], const float* const direction[3],
                         const TriangleAccel* pAccel, const KDTreeNode* pTree, int* pTriangleId,
@@ -109,9 +110,10 @@ KelStatus traceSegments(const float origin[3], const float* const direction[3],
             const __m128 r = _mm_load_ps(direction[a] + row);
             rays.direction[q][a] = r;
             rays.towardsLower[a] |= kel::packet::towardsLower(r, quad);
-            rays.inverse[q][a] =
-                select(kel::packet::tinyComponents(r), _mm_set1_ps(kel::packet::kZeroInverse),
-                       _mm_div_ps(_mm_set1_ps(1.0f), r));
+            const __m128 tiny =
+                _mm_cmple_ps(kel::packet::magnitude(r), _mm_set1_ps(kel::kTinyComponent));
+            rays.inverse[q][a] = select(tiny, _mm_set1_ps(kel::packet::kZeroInverse),
+                                        _mm_div_ps(_mm_set1_ps(1.0f), r));
         }
         tNear[q] = _mm_setzero_ps();
         tFar[q] = _mm_set1_ps(kel::packet::kSegmentReach);

@@ -128,6 +128,7 @@ void eyeDirections(const float box[6], const float eye[3], unsigned seed, Planes
         const float d[3] = {any(rng), any(rng), any(rng)};
         dir->set((4 + i / 4) * kW + 8 + i % 4, d);
     }
+    dir->y[5 * kW + 9] = std::nanf("");  // a component that is not a number
     // One tile whose first row points into octant 1, the rest into octant 0.
     for (int row = 8; row < 12; ++row)
         for (int column = 0; column < 4; ++column) {
@@ -262,6 +263,7 @@ void compareAllQueries(const std::string& name, SceneTrees& s) {
                 org.set(i, p);
                 second.set(i, d);
                 toPoint.set(i, l);
+                if (i % 61 == 0) toPoint.z[i] = std::nanf("");
                 entry[i] = i % 97 == 0 ? 1e-6f : i % 89 == 0 ? 2e-6f : i % 7 == 0 ? 0.3f : 1e30f;
                 mask[i] = first.id[i] < 0 ? -1 : i % 11 == 0 ? -5 : 7;
             }
