@@ -200,6 +200,15 @@ TEST(CacheSize, FollowsTablePriorityAndDiscardsInvalidRegisters) {
     EXPECT_EQ(kel::cacheSizeFromLeaf2(twice), 0u);
     uint32_t none[4] = {0x00000001, 0x01020304, 0x0A0B0C0D, 0x50607080};
     EXPECT_EQ(kel::cacheSizeFromLeaf2(none), 0u);
+    // Every descriptor of a row outranks every one of the next row, even
+    // from a later register.
+    const std::vector<Row>& rows = documentedTable();
+    for (size_t r = 0; r + 1 < rows.size(); ++r)
+        for (uint8_t higher : rows[r].descriptors)
+            for (uint8_t lower : rows[r + 1].descriptors) {
+                uint32_t pair[4] = {0x00000001, lower, higher, 0};
+                EXPECT_EQ(kel::cacheSizeFromLeaf2(pair), rows[r].bytes) << std::hex << int(higher);
+            }
 }
 
 TEST(CacheSize, StreamingRulesAtTheirBoundaries) {

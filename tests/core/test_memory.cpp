@@ -63,8 +63,24 @@ TEST(Version, IsOneStaticRecord) {
     const KelLibraryVersion* v = kelrGetLibVersion();
     ASSERT_NE(v, nullptr);
     EXPECT_EQ(v, kelrGetLibVersion());
+    EXPECT_EQ(v->versionMajor, 5);
+    EXPECT_EQ(v->versionMinor, 2);
+    EXPECT_EQ(v->buildSeries, 108);
+    EXPECT_EQ(v->buildNumber, 270);
     EXPECT_EQ(memcmp(v->cpuCode, "t7\0\0", 4), 0);
     EXPECT_STREQ(v->libraryName, "libkelrt7.so.5.2");
+    EXPECT_STREQ(v->versionText, "5.2");
+    EXPECT_STREQ(v->buildDateText, "Jul 11 2007");
+}
+
+// Before any test replaces them, the hooks are the C library's own.
+TEST(Hooks, StartAsTheCLibraryFunctions) {
+    EXPECT_EQ(i_malloc, &malloc);
+    EXPECT_EQ(i_calloc, &calloc);
+    EXPECT_EQ(i_realloc, &realloc);
+    EXPECT_EQ(i_free, &free);
+    EXPECT_EQ(i_version, 1);
+    EXPECT_EQ(i_min_version, 0);
 }
 
 TEST_F(Allocator, RequestsTheElementsPlusRoomToAlign) {
