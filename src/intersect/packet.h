@@ -78,16 +78,6 @@ KEL_API int ownIntersectNearestOccl(const float origin[3], const float direction
 namespace kel {
 namespace packet {
 
-// Finite stand-ins for the inverse of a zero direction component, as the
-// scalar walks use them (eye rays, then rays with own origins and shadow
-// segments).
-constexpr float kEyeZeroInverse = 838860800.0f;
-constexpr float kZeroInverse = 83886.078125f;
-// The interval of a shadow segment: a little beyond its end at t = 1.
-constexpr float kSegmentReach = 1.0001f;
-static_assert(__builtin_bit_cast(uint32_t, kZeroInverse) == 0x47A3D70Au, "");
-static_assert(__builtin_bit_cast(uint32_t, kSegmentReach) == 0x3F800347u, "");
-
 constexpr int kAllLanes = 0xF;
 
 // All ones in the lanes whose bit is set.
@@ -193,6 +183,48 @@ inline SharedOriginTerms sharedOriginTerms(const TriangleAccel& rec, int k, int 
 inline int quadLanes(int lanes, int quad) {
     return (lanes >> (4 * quad)) & kAllLanes;
 }
+
+// The nearest-hit kernels' results while they walk: per lane the distance,
+// the barycentric u and v and the triangle id, which doubles as the hit
+// memory (the last triangle accepted).
+template <int Quads>
+struct NearestLanes {
+    __m128 distance[Quads], u[Quads], v[Quads];
+    __m128i id[Quads];
+
+    // Rows are `width` elements apart. The lanes traced start without a hit;
+    // the others keep what the caller holds, so that storing leaves them as
+    // they were.
+    void load(const float* pDistance, float* const hit[2], const int* pTriangleId, int width,
+              int lanes) {
+        for (int q = 0; q < Quads; ++q) {
+            const int row = q * width;
+            distance[q] = _mm_load_ps(pDistance + row);
+            u[q] = _mm_load_ps(hit[0] + row);
+            v[q] = _mm_load_ps(hit[1] + row);
+            const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(pTriangleId + row));
+            id[q] = select(laneMask(quadLanes(lanes, q)), _mm_set1_epi32(-1), ids);
+        }
+    }
+
+    void store(float* pDistance, float* const hit[2], int* pTriangleId, int width) const {
+        for (int q = 0; q < Quads; ++q) {
+            const int row = q * width;
+            _mm_store_ps(pDistance + row, distance[q]);
+            _mm_store_ps(hit[0] + row, u[q]);
+            _mm_store_ps(hit[1] + row, v[q]);
+            _mm_store_si128(reinterpret_cast<__m128i*>(pTriangleId + row), id[q]);
+        }
+    }
+
+    // A hit within the interval just finished is nearer than anything behind.
+    int finished(const __m128* tFar) const {
+        int lanes = 0;
+        for (int q = 0; q < Quads; ++q)
+            lanes |= _mm_movemask_ps(_mm_cmpngt_ps(distance[q], tFar[q])) << (4 * q);
+        return lanes;
+    }
+};
 
 // Walks the tree front to back with the lanes in `live`, each lane making the
 // decisions its scalar walk would make. The packet follows one order (the

@@ -9,46 +9,9 @@
 
 namespace {
 
+using kel::EyeQuery;
+using kel::OwnOriginQuery;
 using kel::TriangleHit;
-using kel::TriangleTestLimits;
-
-// ---- Per-query constants -------------------------------------------------
-
-// Eye rays decide hits in extended precision, so adjacent triangles of a
-// mesh rarely both claim a ray or both reject it.
-struct EyeQuery {
-    using Real = long double;
-    static constexpr TriangleTestLimits<Real> kLimits{0x1p-23L, 0x1p-23L};
-    // A new hit must be nearer by more than this, so that a triangle at the
-    // same distance never replaces the current one.
-    static constexpr Real kMargin = 0x1p-23L;
-};
-
-// Secondary rays start on a surface; the wider thresholds keep them from
-// finding the surface they leave.
-struct OwnOriginQuery {
-    using Real = float;
-    static constexpr TriangleTestLimits<Real> kLimits{1.1920929e-6f, 1e-5f};
-    static constexpr Real kMargin = 1e-5f;
-};
-
-// Shadow segments reject a zero denominator through the distance test.
-constexpr TriangleTestLimits<float> kShadowLimits{0.0f, 0x1p-23f};
-// Shadow segments run from the light (t = 0) to the lit point (t = 1).
-constexpr float kSegmentEnd = 1.0f;
-// The segment's interval for the walk, a little beyond its end.
-constexpr float kSegmentReach = 1.0001f;
-static_assert(__builtin_bit_cast(uint32_t, kSegmentReach) == 0x3F800347u, "");
-
-// Finite stand-ins for the inverse of a zero direction component, so that a
-// split plane through the origin gives 0 rather than 0 times infinity.
-constexpr float kEyeZeroInverse = 838860800.0f;
-constexpr float kZeroInverse = 83886.078125f;
-static_assert(__builtin_bit_cast(uint32_t, kZeroInverse) == 0x47A3D70Au, "");
-
-constexpr float kFloatMax = 3.4028235e38f;
-// Rays from many origins with a shorter distance than this find nothing.
-constexpr float kShortestOwnOriginRay = 1.1920929e-6f;
 
 // ---- Traversal -----------------------------------------------------------
 
@@ -159,8 +122,8 @@ class FirstOccluder {
     bool testLeaf(const int32_t* triangles, int count) {
         for (int i = 0; i < count; ++i) {
             TriangleHit<float> hit;
-            if (!kel::intersectTriangle(accel_[triangles[i]], o_, r_, kSegmentEnd, kShadowLimits,
-                                        &hit))
+            if (!kel::intersectTriangle(accel_[triangles[i]], o_, r_, kel::kSegmentEnd,
+                                        kel::kShadowLimits, &hit))
                 continue;
             *mask_ = -1;
             *id_ = triangles[i];
@@ -169,7 +132,7 @@ class FirstOccluder {
         return false;
     }
 
-    float reach() const { return kSegmentEnd; }
+    float reach() const { return kel::kSegmentEnd; }
 
   private:
     const TriangleAccel* accel_;
@@ -201,10 +164,10 @@ bool isTiny(float component) {
 // Eye rays: the box is given relative to the shared origin (lo, hi). A slab
 // along which the ray does not move is not tested.
 bool clipEyeRay(const float r[3], const float lo[3], const float hi[3], TraversalRay* ray) {
-    float tNear = 0.0f, tFar = kFloatMax;
+    float tNear = 0.0f, tFar = kel::kFloatMax;
     for (int a = 0; a < 3; ++a) {
         if (isTiny(r[a])) {
-            ray->inverse[a] = kEyeZeroInverse;
+            ray->inverse[a] = kel::kEyeZeroInverse;
             ray->towardsLower[a] = 0;
             continue;
         }
@@ -226,7 +189,7 @@ bool clipOwnOriginRay(const float o[3], const float r[3], const float* box, floa
     for (int a = 0; a < 3; ++a) {
         if (isTiny(r[a])) {
             if (!(box[a] < o[a] && o[a] < box[a + 3])) return false;
-            ray->inverse[a] = kZeroInverse;
+            ray->inverse[a] = kel::kZeroInverse;
             ray->towardsLower[a] = 0;
             continue;
         }
@@ -246,11 +209,12 @@ bool clipOwnOriginRay(const float o[3], const float r[3], const float* box, floa
 // keeps its (undefined) inverse.
 void aimSegment(const float r[3], TraversalRay* ray) {
     for (int a = 0; a < 3; ++a) {
-        ray->inverse[a] = kel::magnitude(r[a]) <= kel::kTinyComponent ? kZeroInverse : 1.0f / r[a];
+        ray->inverse[a] =
+            kel::magnitude(r[a]) <= kel::kTinyComponent ? kel::kZeroInverse : 1.0f / r[a];
         ray->towardsLower[a] = r[a] < 0.0f;
     }
     ray->tNear = 0.0f;
-    ray->tFar = kSegmentReach;
+    ray->tFar = kel::kSegmentReach;
 }
 
 void loadRay(const float* const planes[3], int i, float out[3]) {
@@ -303,7 +267,7 @@ KEL_API KelStatus ownIntersectBlock(const float* const origin[3], const float* c
         for (int column = 0; column < width; ++column) {
             const int i = row * width + column;
             pTriangleId[i] = -1;
-            if (!(pDistance[i] > kShortestOwnOriginRay)) continue;
+            if (!(pDistance[i] > OwnOriginQuery::kShortestRay)) continue;
             TraversalRay ray;
             float r[3];
             loadRay(origin, i, ray.origin);

@@ -64,8 +64,21 @@ constexpr float kSplitTolerance = 1e-5f;
 constexpr float kFarExtension = 0.0001f;
 // Direction components at or below this magnitude are treated as zero.
 constexpr float kTinyComponent = 0x1p-23f;
+// Finite stand-ins for the inverse of a zero direction component, so that a
+// split plane through the origin gives 0 rather than 0 times infinity. Eye
+// rays use the larger one.
+constexpr float kEyeZeroInverse = 838860800.0f;
+constexpr float kZeroInverse = 83886.078125f;
+// Eye rays are clipped starting from the whole float range.
+constexpr float kFloatMax = 3.4028235e38f;
+// Shadow segments run from the light (t = 0) to the lit point (t = 1); the
+// walk looks a little beyond the end.
+constexpr float kSegmentEnd = 1.0f;
+constexpr float kSegmentReach = 1.0001f;
 static_assert(__builtin_bit_cast(uint32_t, kSplitTolerance) == 0x3727C5ACu, "");
 static_assert(__builtin_bit_cast(uint32_t, kFarExtension) == 0x38D1B717u, "");
+static_assert(__builtin_bit_cast(uint32_t, kZeroInverse) == 0x47A3D70Au, "");
+static_assert(__builtin_bit_cast(uint32_t, kSegmentReach) == 0x3F800347u, "");
 
 // ---- Ray-triangle test ---------------------------------------------------
 
@@ -80,6 +93,29 @@ struct TriangleTestLimits {
     Real parallelBelow;  // |denominator| below this: the ray runs along the plane
     Real zeroBelow;      // scaled barycentric weights below this count as 0
 };
+
+// Eye rays decide hits in extended precision, so adjacent triangles of a
+// mesh rarely both claim a ray or both reject it.
+struct EyeQuery {
+    using Real = long double;
+    static constexpr TriangleTestLimits<Real> kLimits{0x1p-23L, 0x1p-23L};
+    // A new hit must be nearer by more than this, so that a triangle at the
+    // same distance never replaces the current one.
+    static constexpr Real kMargin = 0x1p-23L;
+};
+
+// Secondary rays start on a surface; the wider thresholds keep them from
+// finding the surface they leave.
+struct OwnOriginQuery {
+    using Real = float;
+    static constexpr TriangleTestLimits<Real> kLimits{1.1920929e-6f, 1e-5f};
+    static constexpr Real kMargin = 1e-5f;
+    // Rays with a distance no longer than this find nothing.
+    static constexpr float kShortestRay = 1.1920929e-6f;
+};
+
+// Shadow segments reject a zero denominator through the distance test.
+constexpr TriangleTestLimits<float> kShadowLimits{0.0f, 0x1p-23f};
 
 inline float magnitude(float x) {
     return __builtin_fabsf(x);

@@ -8,8 +8,7 @@ namespace {
 using kel::packet::laneMask;
 using kel::packet::select;
 
-// Shadow segments run from the light (t = 0) to the lit point (t = 1).
-constexpr float kSegmentEnd = 1.0f;
+using kel::kSegmentEnd;
 
 // The lanes of `lanes` (segments from the shared origin along r) that the
 // record occludes, with the scalar shadow walk's single-precision test.
@@ -112,11 +111,11 @@ KelStatus traceSegments(const float origin[3], const float* const direction[3],
             rays.towardsLower[a] |= kel::packet::towardsLower(r, quad);
             const __m128 tiny =
                 _mm_cmple_ps(kel::packet::magnitude(r), _mm_set1_ps(kel::kTinyComponent));
-            rays.inverse[q][a] = select(tiny, _mm_set1_ps(kel::packet::kZeroInverse),
-                                        _mm_div_ps(_mm_set1_ps(1.0f), r));
+            rays.inverse[q][a] =
+                select(tiny, _mm_set1_ps(kel::kZeroInverse), _mm_div_ps(_mm_set1_ps(1.0f), r));
         }
         tNear[q] = _mm_setzero_ps();
-        tFar[q] = _mm_set1_ps(kel::packet::kSegmentReach);
+        tFar[q] = _mm_set1_ps(kel::kSegmentReach);
     }
     const KelStatus status = kel::packet::traverse(rays, pTree, tNear, tFar, live);
     for (int q = 0; q < Quads; ++q) {
@@ -206,21 +205,11 @@ struct SegmentKernels {
         const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
         ownIntersectAnyBlock4x2(origin, d, accel, tree, id + first, mask + first, width);
     }
-    // The row is traced on a copy; only the lanes of this octant are merged
-    // back, so the row's other lanes keep what their own octant's call left.
+    // The kernel writes only the lanes of this octant, so the row's other
+    // lanes keep what their own octant's call left.
     void trace4x1(int first, int lanes) {
         const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
-        alignas(16) int rowId[4], rowMask[4];
-        const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(id + first));
-        const __m128i masks = _mm_load_si128(reinterpret_cast<const __m128i*>(mask + first));
-        _mm_store_si128(reinterpret_cast<__m128i*>(rowId), ids);
-        _mm_store_si128(reinterpret_cast<__m128i*>(rowMask), masks);
-        ownIntersectAnyBlock4x1(origin, d, accel, tree, rowId, rowMask, lanes);
-        const __m128 merge = laneMask(lanes);
-        _mm_store_si128(reinterpret_cast<__m128i*>(id + first),
-                        select(merge, _mm_load_si128(reinterpret_cast<__m128i*>(rowId)), ids));
-        _mm_store_si128(reinterpret_cast<__m128i*>(mask + first),
-                        select(merge, _mm_load_si128(reinterpret_cast<__m128i*>(rowMask)), masks));
+        ownIntersectAnyBlock4x1(origin, d, accel, tree, id + first, mask + first, lanes);
     }
 };
 
@@ -240,10 +229,10 @@ KEL_API int ownIntersectNearestOccl(const float origin[3], const float direction
         ray.direction[a] = _mm_set1_ps(r);
         // A NaN component counts as pointing towards lower coordinates.
         ray.towardsLower[a] = !(r >= 0.0f);
-        ray.inverse[a] = _mm_set1_ps(
-            __builtin_fabsf(r) <= kel::kTinyComponent ? kel::packet::kZeroInverse : 1.0f / r);
+        ray.inverse[a] =
+            _mm_set1_ps(__builtin_fabsf(r) <= kel::kTinyComponent ? kel::kZeroInverse : 1.0f / r);
     }
-    const __m128 tNear = _mm_setzero_ps(), tFar = _mm_set1_ps(kel::packet::kSegmentReach);
+    const __m128 tNear = _mm_setzero_ps(), tFar = _mm_set1_ps(kel::kSegmentReach);
     kel::packet::traverse(ray, pTree, &tNear, &tFar, 1);
     return ray.nearest;
 }

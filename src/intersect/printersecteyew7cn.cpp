@@ -15,10 +15,13 @@ using kel::packet::laneMask;
 using kel::packet::magnitude;
 using kel::packet::select;
 
-constexpr float kFloatMax = 3.4028235e38f;
-// Eye rays: parallel limit, zeroed weights and acceptance margin alike.
-constexpr float kEyeLimit = 0x1p-23f;
-constexpr kel::TriangleTestLimits<long double> kExactLimits{0x1p-23L, 0x1p-23L};
+using kel::EyeQuery;
+// The eye query's parallel limit, zeroed weights and acceptance margin,
+// which are alike, in single precision.
+constexpr float kEyeLimit = float(EyeQuery::kMargin);
+static_assert(EyeQuery::kLimits.parallelBelow == EyeQuery::kMargin &&
+                  EyeQuery::kLimits.zeroBelow == EyeQuery::kMargin,
+              "");
 // Relative error allowed for each single-precision quantity of the sieve:
 // dozens of roundings' worth, far above what its few operations can lose.
 constexpr float kSieveSlack = 0x1p-18f;
@@ -42,7 +45,9 @@ struct SieveTerms {
 // One or two rows of four eye rays as the tree walk and the leaf tests see
 // them.
 template <int Quads>
-struct EyeRays {
+struct EyeRays : kel::packet::NearestLanes<Quads> {
+    using Lanes = kel::packet::NearestLanes<Quads>;
+    using Lanes::distance, Lanes::u, Lanes::v, Lanes::id;
     static constexpr int kQuads = Quads;
     const TriangleAccel* accel;
     float origin[3];
@@ -52,8 +57,6 @@ struct EyeRays {
     int towardsLower[3];        // the order of the group being walked
     int negative[3];            // per axis, the lanes that walk towards lower coordinates
     float largestComponent[3];  // over the traced lanes, per axis
-    __m128 distance[Quads], u[Quads], v[Quads];
-    __m128i id[Quads];  // also the hit memory: the last triangle accepted
 
     __m128 splitDistance(int axis, float split, int quad) const {
         return _mm_mul_ps(_mm_set1_ps(split - origin[axis]), inverse[quad][axis]);
@@ -159,8 +162,9 @@ struct EyeRays {
             const long double r[3] = {laneDirection[0][lane], laneDirection[1][lane],
                                       laneDirection[2][lane]};
             kel::TriangleHit<long double> hit;
-            if (!kel::intersectTriangle(rec, exactOrigin, r, (long double)t[lane] - 0x1p-23L,
-                                        kExactLimits, &hit))
+            if (!kel::intersectTriangle(rec, exactOrigin, r,
+                                        (long double)t[lane] - EyeQuery::kMargin, EyeQuery::kLimits,
+                                        &hit))
                 continue;
             t[lane] = float(hit.t);
             hu[lane] = float(hit.u);
@@ -173,14 +177,6 @@ struct EyeRays {
             v[q] = _mm_load_ps(hv + 4 * q);
             id[q] = _mm_load_si128(reinterpret_cast<const __m128i*>(ids + 4 * q));
         }
-    }
-
-    // A hit within the interval just finished is nearer than anything behind.
-    int finished(const __m128* tFar) const {
-        int lanes = 0;
-        for (int q = 0; q < Quads; ++q)
-            lanes |= _mm_movemask_ps(_mm_cmpngt_ps(distance[q], tFar[q])) << (4 * q);
-        return lanes;
     }
 };
 
@@ -203,25 +199,21 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
         rays.exactOrigin[a] = origin[a];
         rays.negative[a] = 0;
     }
+    rays.load(pDistance, hit, pTriangleId, width, lanes);
     __m128 tNear[Quads], tFar[Quads];
     int live = 0;
     for (int q = 0; q < Quads; ++q) {
         const int row = q * width;
-        rays.distance[q] = _mm_load_ps(pDistance + row);
-        rays.u[q] = _mm_load_ps(hit[0] + row);
-        rays.v[q] = _mm_load_ps(hit[1] + row);
-        const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(pTriangleId + row));
         const int quad = kel::packet::quadLanes(lanes, q);
-        rays.id[q] = select(laneMask(quad), _mm_set1_epi32(-1), ids);
-        __m128 entry = _mm_setzero_ps(), exit = _mm_set1_ps(kFloatMax);
+        __m128 entry = _mm_setzero_ps(), exit = _mm_set1_ps(kel::kFloatMax);
         for (int a = 0; a < 3; ++a) {
             const __m128 r = _mm_load_ps(direction[a] + row);
             rays.direction[q][a] = r;
             _mm_store_ps(rays.laneDirection[a] + 4 * q, r);
             rays.negative[a] |= kel::packet::invertedNegative(r) << (4 * q);
             const __m128 tiny = kel::packet::tinyComponents(r);
-            rays.inverse[q][a] = select(tiny, _mm_set1_ps(kel::packet::kEyeZeroInverse),
-                                        _mm_div_ps(_mm_set1_ps(1.0f), r));
+            rays.inverse[q][a] =
+                select(tiny, _mm_set1_ps(kel::kEyeZeroInverse), _mm_div_ps(_mm_set1_ps(1.0f), r));
             const __m128 t1 = _mm_div_ps(_mm_set1_ps(lo[a]), r);
             const __m128 t2 = _mm_div_ps(_mm_set1_ps(hi[a]), r);
             entry = select(tiny, entry, _mm_max_ps(_mm_min_ps(t2, t1), entry));
@@ -241,13 +233,7 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
     const KelStatus status =
         live ? kel::packet::traverseByOrder(rays, rays.negative, pTree, tNear, tFar, live)
              : KEL_STS_OK;
-    for (int q = 0; q < Quads; ++q) {
-        const int row = q * width;
-        _mm_store_ps(pDistance + row, rays.distance[q]);
-        _mm_store_ps(hit[0] + row, rays.u[q]);
-        _mm_store_ps(hit[1] + row, rays.v[q]);
-        _mm_store_si128(reinterpret_cast<__m128i*>(pTriangleId + row), rays.id[q]);
-    }
+    rays.store(pDistance, hit, pTriangleId, width);
     return status;
 }
 

@@ -12,24 +12,18 @@ namespace {
 using kel::packet::laneMask;
 using kel::packet::select;
 
-// Secondary rays start on a surface: wider thresholds than eye rays keep them
-// from finding the surface they leave.
-constexpr float kParallelBelow = 1.1920929e-6f;
-constexpr float kZeroBelow = 1e-5f;
-constexpr float kMargin = 1e-5f;
-// Rays with a shorter distance than this find nothing.
-constexpr float kShortestRay = 1.1920929e-6f;
+using Limits = kel::OwnOriginQuery;
 
 // One or two rows of four rays with their own origins.
 template <int Quads>
-struct OwnOriginRays {
+struct OwnOriginRays : kel::packet::NearestLanes<Quads> {
+    using Lanes = kel::packet::NearestLanes<Quads>;
+    using Lanes::distance, Lanes::u, Lanes::v, Lanes::id;
     static constexpr int kQuads = Quads;
     const TriangleAccel* accel;
     __m128 origin[Quads][3], direction[Quads][3], inverse[Quads][3];
     int towardsLower[3];  // the order of the group being walked
     int negative[3];      // per axis, the lanes that walk towards lower coordinates
-    __m128 distance[Quads], u[Quads], v[Quads];
-    __m128i id[Quads];  // also the hit memory: the last triangle accepted
 
     __m128 splitDistance(int axis, float split, int quad) const {
         return _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(split), origin[quad][axis]), inverse[quad][axis]);
@@ -49,13 +43,14 @@ struct OwnOriginRays {
         const __m128i triangle = _mm_set1_epi32(n);
         __m128 accept =
             _mm_andnot_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(id[q], triangle)), laneMask(lanes));
-        accept = _mm_and_ps(
-            accept, _mm_cmpnlt_ps(kel::packet::magnitude(denom), _mm_set1_ps(kParallelBelow)));
+        accept = _mm_and_ps(accept, _mm_cmpnlt_ps(kel::packet::magnitude(denom),
+                                                  _mm_set1_ps(Limits::kLimits.parallelBelow)));
         accept = _mm_and_ps(accept, _mm_cmpgt_ps(t, _mm_setzero_ps()));
-        accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_sub_ps(distance[q], _mm_set1_ps(kMargin))));
+        accept = _mm_and_ps(accept,
+                            _mm_cmplt_ps(t, _mm_sub_ps(distance[q], _mm_set1_ps(Limits::kMargin))));
         if (!_mm_movemask_ps(accept)) return;
-        const kel::packet::TriangleWeights w =
-            kel::packet::triangleWeights(rec, a, b, r, ou, ov, num, denom, _mm_set1_ps(kZeroBelow));
+        const kel::packet::TriangleWeights w = kel::packet::triangleWeights(
+            rec, a, b, r, ou, ov, num, denom, _mm_set1_ps(Limits::kLimits.zeroBelow));
         accept = _mm_and_ps(accept, w.inside);
         if (!_mm_movemask_ps(accept)) return;
         distance[q] = select(accept, t, distance[q]);
@@ -78,13 +73,6 @@ struct OwnOriginRays {
         }
         return lanes;
     }
-
-    int finished(const __m128* tFar) const {
-        int lanes = 0;
-        for (int q = 0; q < Quads; ++q)
-            lanes |= _mm_movemask_ps(_mm_cmpngt_ps(distance[q], tFar[q])) << (4 * q);
-        return lanes;
-    }
 };
 
 // Traces the `lanes` of one or two rows of four rays (rows `width` elements
@@ -99,17 +87,13 @@ KelStatus traceOwnOriginRays(const float* const origin[3], const float* const di
     OwnOriginRays<Quads> rays;
     rays.accel = pAccel;
     for (int a = 0; a < 3; ++a) rays.negative[a] = 0;
+    rays.load(pDistance, hit, pTriangleId, width, lanes);
     __m128 tNear[Quads], tFar[Quads];
     int live = 0;
     for (int q = 0; q < Quads; ++q) {
         const int row = q * width;
-        rays.distance[q] = _mm_load_ps(pDistance + row);
-        rays.u[q] = _mm_load_ps(hit[0] + row);
-        rays.v[q] = _mm_load_ps(hit[1] + row);
-        const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(pTriangleId + row));
         int quad = kel::packet::quadLanes(lanes, q);
-        rays.id[q] = select(laneMask(quad), _mm_set1_epi32(-1), ids);
-        quad &= _mm_movemask_ps(_mm_cmpgt_ps(rays.distance[q], _mm_set1_ps(kShortestRay)));
+        quad &= _mm_movemask_ps(_mm_cmpgt_ps(rays.distance[q], _mm_set1_ps(Limits::kShortestRay)));
         __m128 entry = _mm_setzero_ps(), exit = rays.distance[q];
         for (int a = 0; a < 3; ++a) {
             const __m128 o = _mm_load_ps(origin[a] + row);
@@ -122,7 +106,7 @@ KelStatus traceOwnOriginRays(const float* const origin[3], const float* const di
             const __m128 insideSlab = _mm_and_ps(_mm_cmplt_ps(lo, o), _mm_cmplt_ps(o, hi));
             quad &= ~_mm_movemask_ps(_mm_andnot_ps(insideSlab, tiny));
             const __m128 inverse = _mm_div_ps(_mm_set1_ps(1.0f), r);
-            rays.inverse[q][a] = select(tiny, _mm_set1_ps(kel::packet::kZeroInverse), inverse);
+            rays.inverse[q][a] = select(tiny, _mm_set1_ps(kel::kZeroInverse), inverse);
             const __m128 t1 = _mm_mul_ps(_mm_sub_ps(lo, o), inverse);
             const __m128 t2 = _mm_mul_ps(_mm_sub_ps(hi, o), inverse);
             entry = select(tiny, entry, _mm_max_ps(_mm_min_ps(t2, t1), entry));
@@ -135,13 +119,7 @@ KelStatus traceOwnOriginRays(const float* const origin[3], const float* const di
     const KelStatus status =
         live ? kel::packet::traverseByOrder(rays, rays.negative, pTree, tNear, tFar, live)
              : KEL_STS_OK;
-    for (int q = 0; q < Quads; ++q) {
-        const int row = q * width;
-        _mm_store_ps(pDistance + row, rays.distance[q]);
-        _mm_store_ps(hit[0] + row, rays.u[q]);
-        _mm_store_ps(hit[1] + row, rays.v[q]);
-        _mm_store_si128(reinterpret_cast<__m128i*>(pTriangleId + row), rays.id[q]);
-    }
+    rays.store(pDistance, hit, pTriangleId, width);
     return status;
 }
 
