@@ -1,15 +1,18 @@
-// Ray blocks for the geometry tests: planes placed at a chosen offset from a
-// 16-byte boundary (to steer the primitives between their paths), random
-// contents, and float comparisons by bit pattern or by units in the last
-// place.
+// Ray blocks for the geometry tests: planes that sit on a 16-byte boundary
+// or one element past it (which steers the primitives between their paths),
+// random contents, and a driver that runs one call on every path.
 #ifndef KEL_TEST_RAY_BLOCK_H
 #define KEL_TEST_RAY_BLOCK_H
 
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
 
+#include <initializer_list>
 #include <random>
 #include <vector>
+
+#include "kelr.h"
 
 namespace kelt {
 
@@ -19,37 +22,44 @@ inline uint32_t bits(float f) {
     return u;
 }
 
-inline float floatOf(uint32_t u) {
-    float f;
-    memcpy(&f, &u, 4);
-    return f;
-}
+// An array that can move off its 16-byte boundary and back, keeping its values.
+class Movable {
+  public:
+    virtual void placeAt(int misalign) = 0;
 
-// count elements of T, starting misalign elements past a 16-byte boundary.
+  protected:
+    ~Movable() = default;
+};
+
 template <typename T>
-class Plane {
+class Plane : public Movable {
   public:
     explicit Plane(int count, int misalign = 0) : storage_(count + 8), count_(count) {
-        uintptr_t p = reinterpret_cast<uintptr_t>(storage_.data());
-        p = (p + 15) & ~uintptr_t(15);
-        data_ = reinterpret_cast<T*>(p) + misalign;
+        data_ = boundary() + misalign;
     }
     Plane(const Plane&) = delete;
     Plane& operator=(const Plane&) = delete;
 
+    void placeAt(int misalign) override {
+        T* to = boundary() + misalign;
+        memmove(static_cast<void*>(to), data_, sizeof(T) * count_);
+        data_ = to;
+    }
     T* data() { return data_; }
     T& operator[](int i) { return data_[i]; }
-    const T& operator[](int i) const { return data_[i]; }
     int size() const { return count_; }
     std::vector<T> values() const { return std::vector<T>(data_, data_ + count_); }
-    void assign(const Plane& other) {
-        for (int i = 0; i < count_; ++i) data_[i] = other[i];
+    void assign(const std::vector<T>& values) {
+        for (int i = 0; i < count_; ++i) data_[i] = values[i];
     }
     void fill(T value) {
         for (int i = 0; i < count_; ++i) data_[i] = value;
     }
 
   private:
+    T* boundary() {
+        return reinterpret_cast<T*>((uintptr_t(storage_.data()) + 15) & ~uintptr_t(15));
+    }
     std::vector<T> storage_;
     T* data_;
     int count_;
@@ -58,26 +68,41 @@ class Plane {
 // Three planes x, y, z (or three colour channels).
 class Triple {
   public:
-    explicit Triple(int count, int misalign = 0)
-        : x_(count, misalign), y_(count, misalign), z_(count, misalign) {
-        planes_[0] = x_.data();
-        planes_[1] = y_.data();
-        planes_[2] = z_.data();
+    explicit Triple(int count)
+        : p_{Plane<float>(count), Plane<float>(count), Plane<float>(count)} {}
+    // The current plane pointers, after any plane has moved.
+    float* const* planes() {
+        for (int k = 0; k < 3; ++k) pointers_[k] = p_[k].data();
+        return pointers_;
     }
-    float* const* planes() { return planes_; }
-    Plane<float>& operator[](int k) { return k == 0 ? x_ : k == 1 ? y_ : z_; }
-    float& at(int k, int i) { return planes_[k][i]; }
-    void assign(Triple& other) {
-        for (int k = 0; k < 3; ++k) (*this)[k].assign(other[k]);
+    Plane<float>& operator[](int k) { return p_[k]; }
+    float& at(int k, int i) { return p_[k][i]; }
+    std::vector<float> values() const {
+        std::vector<float> v;
+        for (const Plane<float>& p : p_) {
+            std::vector<float> plane = p.values();
+            v.insert(v.end(), plane.begin(), plane.end());
+        }
+        return v;
+    }
+    void assign(const std::vector<float>& values) {
+        for (int k = 0; k < 3; ++k)
+            p_[k].assign(std::vector<float>(values.begin() + k * p_[k].size(), values.end()));
     }
     void fill(float value) {
-        for (int k = 0; k < 3; ++k) (*this)[k].fill(value);
+        for (Plane<float>& p : p_) p.fill(value);
     }
 
   private:
-    Plane<float> x_, y_, z_;
-    float* planes_[3];
+    Plane<float> p_[3];
+    float* pointers_[3];
 };
+
+// p, or null when a null-pointer check is aimed at it.
+template <typename T>
+T* nullIf(bool aimed, T* p) {
+    return aimed ? nullptr : p;
+}
 
 // Plane pointers moved forward by offset rays, for calling a primitive on a
 // part of a block.
@@ -120,6 +145,42 @@ class Random {
 template <typename Run>
 void inScalarPieces(int n, Run run) {
     for (int i = 0; i < n; i += 3) run(i, n - i < 3 ? n - i : 3);
+}
+
+// One way of running a block: whole groups with every array aligned (the
+// worker), whole groups with the array `moved` one element off its boundary,
+// or pieces of three rays (the scalar loop).
+struct Path {
+    const Movable* moved;
+    bool pieces;
+    bool worker() const { return !moved && !pieces; }
+};
+
+// Calls reset(), call(offset, count) and check(path) on a block of n rays
+// once for every path, moving each of `arrays` off its boundary in turn. A
+// worker chosen although one of its aligned arrays is not aligned faults on
+// its aligned loads; a worker whose rounding differs from the scalar loop's
+// shows which path ran.
+template <typename Reset, typename Call, typename Check>
+void onEveryPath(int n, std::initializer_list<Movable*> arrays, Reset reset, Call call,
+                 Check check) {
+    auto once = [&](Path path, int trace) {
+        SCOPED_TRACE(path.pieces ? "in pieces" : "misaligned array " + std::to_string(trace));
+        reset();
+        if (path.pieces)
+            inScalarPieces(n, [&](int at, int count) { ASSERT_EQ(call(at, count), KEL_STS_OK); });
+        else
+            ASSERT_EQ(call(0, n), KEL_STS_OK);
+        check(path);
+    };
+    once({nullptr, false}, -1);
+    int trace = 0;
+    for (Movable* array : arrays) {
+        array->placeAt(1);
+        once({array, false}, trace++);
+        array->placeAt(0);
+    }
+    once({nullptr, true}, 0);
 }
 
 }  // namespace kelt
