@@ -149,8 +149,8 @@ void copyAlignedBackward(const uint8_t* src, uint8_t* dst, uint32_t n) {
     }
 }
 
-// One read per 64-byte line, from the end, so that the block is in the cache
-// before the streaming stores start reading it.
+// One read per 64-byte line, from the end, so that the whole block is in the
+// cache before the loads that feed the streaming stores run over it.
 void touchLines(const uint8_t* src, uint32_t bytes) {
     for (int32_t offset = int32_t(bytes) - 1; offset >= 0; offset -= 64)
         (void)*reinterpret_cast<const volatile uint8_t*>(src + offset);
