@@ -176,6 +176,8 @@ TEST_F(BuildEntry, ValidPsahContextsReachTheBuilder) {
     EXPECT_EQ(tree, untouchedTree());
 }
 
+namespace {
+
 // Triangles listed in the leaves of a tree.
 int listedTriangles(const KDTreeNode* node) {
     if (node->link < 0) return node->data.count;
@@ -183,6 +185,8 @@ int listedTriangles(const KDTreeNode* node) {
         reinterpret_cast<const char*>(node) + (node->link & ~7));
     return listedTriangles(children) + listedTriangles(children + 1);
 }
+
+}  // namespace
 
 // The context's depth, weight and clip box reach the PSAH builder: depth 0
 // keeps the root a leaf, a larger weight makes splits cheaper to accept, and
@@ -198,6 +202,7 @@ TEST_F(BuildEntry, PsahBuildFollowsTheContext) {
         for (int j = 0; j < 9; ++j) mesh[9 * t + j] = centre[j % 3] + 0.02f * next();
         for (int c = 0; c < 3; ++c) indices[4 * t + c] = 3 * t + c;
     }
+    // 128 MiB covers the fixed need and the 16 MiB chunks any build takes.
     auto build = [&](int depth, float weight, const float* clip, int* listed) {
         KDTreeBuildContext context = {KDT_BUILD_PSAH, depth, weight, 128, clip};
         KDTreeNode* psah = nullptr;
