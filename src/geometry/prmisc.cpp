@@ -8,10 +8,11 @@ constexpr float kFloatMax = 3.4028235e38f;         // 0x7F7FFFFF
 constexpr float kSmallestNormal = 1.1754944e-38f;  // 0x00800000
 constexpr float kBoxMarginScale = 0.0001f;         // 0x38D1B717
 
-// The workers take rays four at a time; zero and negative multiples of four
-// go to them too (they write nothing then).
+// The workers take rays four at a time. An empty block (zero, or a negative
+// multiple of four) writes nothing on either path; it goes to the scalar loop,
+// which unlike the workers reads no shared origin or coefficient either.
 inline bool wholeGroups(int count) {
-    return count % 4 == 0;
+    return count > 0 && count % 4 == 0;
 }
 
 inline bool aligned16(const void* p) {
