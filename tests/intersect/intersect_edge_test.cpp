@@ -1,19 +1,24 @@
 // Edge cases of the ray-scene queries on small hand-made scenes and trees:
 // what rays that miss keep, the distance limits, the box tests that differ
 // between the queries, the segment ends of shadow rays, traversal order,
-// early termination and the traversal stack limit.
+// early termination, the traversal stack limit, the choice between the
+// scalar and the four-ray path, and the four-ray kernels' lane masks.
 #include <gtest/gtest.h>
 
 #include <array>
+#include <memory>
+#include <string>
 #include <vector>
 
-#include "kelr.h"
+#include "intersect/packet.h"
 #include "packed_tree.h"
 #include "scene.h"
 
 namespace {
 
 using kelt::PackedTree;
+using kelt::Plane;
+using kelt::Planes3;
 using kelt::TestScene;
 using kelt::TreeNode;
 using V3 = std::array<float, 3>;
@@ -247,25 +252,123 @@ TEST(IntersectEdges, TraversalStackHoldsFiftyDeferredChildren) {
     }
 }
 
+// 4 x 4 rays along +x through a chain of 51 splits: the scalar workers run
+// out of stack, while the four-ray drivers do not look at their kernels'
+// status, so the status tells which path a call took. Each per-ray plane
+// of a query, misaligned alone, must send it down the scalar path.
+TEST(IntersectEdges, DispatchByBlockShapeAndAlignment) {
+    TestScene s;
+    addWall(&s, 0.25f);
+    s.finish();
+    const float box[6] = {0, 0, 0, 1, 1, 1};
+    const PackedTree tree = chainTree(51, {0});
+    const IntersectContext ctx{box, s.accel.data(), tree.root()};
+    const float eye[3] = {0, 0.3f, 0.3f};
+    // origins x, y, z, directions x, y, z, distances, u, v; then ids, mask
+    const float fill[9] = {0, 0.3f, 0.3f, 1, 0, 0, kFar, 0, 0};
+    enum { kIds = 9, kMask = 10 };
+    for (int off = -1; off <= kMask; ++off) {
+        SCOPED_TRACE(off);
+        std::vector<std::unique_ptr<Plane<float>>> f;
+        for (int j = 0; j < 9; ++j)
+            f.push_back(std::make_unique<Plane<float>>(20, fill[j], off == j));
+        Plane<int> id(20, 0, off == kIds), mask(20, 0, off == kMask);
+        const float* o[3] = {f[0]->data(), f[1]->data(), f[2]->data()};
+        const float* d[3] = {f[3]->data(), f[4]->data(), f[5]->data()};
+        float* hit[2] = {f[7]->data(), f[8]->data()};
+        const KelStatus want = off < 0 ? KEL_STS_OK : KEL_STS_NO_MEM;
+        EXPECT_EQ(off == kMask ? KEL_STS_OK : want,
+                  kelrIntersectMO_32f(o, d, f[6]->data(), hit, id.data(), &ctx, 4, 4));
+        if (off < 0 || (off >= 3 && off < kMask))
+            EXPECT_EQ(want,
+                      kelrIntersectEyeSO_32f(eye, d, f[6]->data(), hit, id.data(), &ctx, 4, 4));
+        if (off < 0 || (off >= 3 && off < 6) || off >= kIds)
+            EXPECT_EQ(want, kelrIntersectAnySO_32f(eye, d, id.data(), mask.data(), 4, 4, &ctx));
+        if (off < 0) {
+            // a side that is not a multiple of 4 takes the scalar path too
+            EXPECT_EQ(KEL_STS_NO_MEM,
+                      kelrIntersectEyeSO_32f(eye, d, f[6]->data(), hit, id.data(), &ctx, 5, 4));
+            EXPECT_EQ(KEL_STS_NO_MEM,
+                      kelrIntersectMO_32f(o, d, f[6]->data(), hit, id.data(), &ctx, 4, 3));
+            EXPECT_EQ(KEL_STS_NO_MEM,
+                      kelrIntersectAnySO_32f(eye, d, id.data(), mask.data(), 2, 4, &ctx));
+        }
+    }
+}
+
+// Blocks without rays write nothing, on either path (width 0 or -4 with
+// aligned planes and 4 rows takes the four-ray path).
 TEST(IntersectEdges, EmptyBlocks) {
     TestScene s;
     addWall(&s, 0.5f);
     s.finish();
     const PackedTree tree(*kelt::singleLeaf(1));
     const IntersectContext ctx = s.context(tree.root());
-    float dx[4] = {1, 1, 1, 1}, dy[4] = {}, dz[4] = {}, dist[4] = {kFar, kFar, kFar, kFar};
-    float u[4], v[4];
-    int id[4] = {9, 9, 9, 9}, mask[4] = {};
-    const float* dir[3] = {dx, dy, dz};
-    float* hit[2] = {u, v};
+    Planes3 dir(4, 1.0f), hits(4);
+    Plane<float> dist(4, kFar);
+    Plane<int> id(4, 9), mask(4, 0);
     const float o[3] = {0, 0.3f, 0.3f};
-    const float* origins[3] = {dx, dy, dz};
-    for (auto [w, h] : {std::pair{0, 4}, std::pair{4, 0}, std::pair{-4, 2}, std::pair{2, -1}}) {
-        EXPECT_EQ(KEL_STS_OK, kelrIntersectEyeSO_32f(o, dir, dist, hit, id, &ctx, w, h));
-        EXPECT_EQ(KEL_STS_OK, kelrIntersectMO_32f(origins, dir, dist, hit, id, &ctx, w, h));
-        EXPECT_EQ(KEL_STS_OK, kelrIntersectAnySO_32f(o, dir, id, mask, w, h, &ctx));
+    for (auto [w, h] :
+         {std::pair{0, 4}, std::pair{-4, 4}, std::pair{4, 0}, std::pair{-4, 2}, std::pair{2, -1}}) {
+        EXPECT_EQ(KEL_STS_OK,
+                  kelrIntersectEyeSO_32f(o, dir.p, dist.data(), hits.p, id.data(), &ctx, w, h));
+        EXPECT_EQ(KEL_STS_OK,
+                  kelrIntersectMO_32f(dir.p, dir.p, dist.data(), hits.p, id.data(), &ctx, w, h));
+        EXPECT_EQ(KEL_STS_OK, kelrIntersectAnySO_32f(o, dir.p, id.data(), mask.data(), w, h, &ctx));
     }
-    EXPECT_EQ((std::vector<int>{9, 9, 9, 9}), std::vector<int>(id, id + 4));
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(9, id[i]);
+        EXPECT_EQ(0, mask[i]);
+        EXPECT_EQ(kFar, dist[i]);
+    }
+}
+
+// The 4x1 kernels trace only the lanes of their lane set (the shadow kernel
+// only those whose mask entry is >= 0); the other lanes keep every output.
+// Every traced ray meets both walls, the later-listed one first.
+TEST(IntersectEdges, FourRayKernelsLeaveOtherLanesAlone) {
+    TestScene s;
+    for (float x : {0.8f, 0.6f}) addWall(&s, x, -1.0f, 1.0f);
+    s.finish();
+    const PackedTree tree(*kelt::singleLeaf(2));
+    const float eye[3] = {0.4f, 0.1f, 0.1f};
+    Planes3 origin(4), dir(4);
+    for (int i = 0; i < 4; ++i) {
+        const float d[3] = {1.0f, 0.1f * i, 0.05f};
+        origin.set(i, eye);
+        dir.set(i, d);
+    }
+    for (int lanes : {0x5, 0xA, 0x1, 0x8}) {
+        for (bool eyeQuery : {true, false}) {
+            SCOPED_TRACE(std::to_string(lanes) + (eyeQuery ? " eye" : " own origins"));
+            Planes3 hit(4, 7.0f);
+            Plane<float> dist(4, 123.0f);
+            Plane<int> id(4, 99);
+            for (int i = 0; i < 4; ++i)
+                if (lanes >> i & 1) dist[i] = kFar;
+            if (eyeQuery)
+                ownIntersectEyeBlock4x1(eye, dir.p, s.box, s.accel.data(), tree.root(), dist.data(),
+                                        hit.p, id.data(), lanes);
+            else
+                ownIntersectBlock4x1(origin.p, dir.p, s.box, s.accel.data(), tree.root(),
+                                     dist.data(), hit.p, id.data(), lanes);
+            for (int i = 0; i < 4; ++i) {
+                const bool traced = lanes >> i & 1;
+                EXPECT_EQ(traced ? 1 : 99, id[i]) << i;
+                EXPECT_NEAR(traced ? 0.2f : 123.0f, dist[i], 1e-6f) << i;
+                EXPECT_EQ(traced, hit.x[i] != 7.0f && hit.y[i] != 7.0f) << i;
+            }
+        }
+        Plane<int> id(4, 99), mask(4, 3);
+        mask[1] = -2;
+        ownIntersectAnyBlock4x1(eye, dir.p, s.accel.data(), tree.root(), id.data(), mask.data(),
+                                lanes);
+        for (int i = 0; i < 4; ++i) {
+            const bool traced = (lanes >> i & 1) && i != 1;
+            EXPECT_EQ(traced ? 0 : 99, id[i]) << i;  // the first occluder listed
+            EXPECT_EQ(traced ? -1 : i == 1 ? -2 : 3, mask[i]) << i;
+        }
+    }
 }
 
 }  // namespace

@@ -75,6 +75,11 @@ struct Planes3 {
         y[i] = v[1];
         z[i] = v[2];
     }
+    void get(int i, float v[3]) const {
+        v[0] = x[i];
+        v[1] = y[i];
+        v[2] = z[i];
+    }
 };
 
 }  // namespace kelt
