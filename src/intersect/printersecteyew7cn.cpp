@@ -26,8 +26,11 @@ static_assert(EyeQuery::kLimits.parallelBelow == EyeQuery::kMargin &&
 // dozens of roundings' worth, far above what its few operations can lose.
 constexpr float kSieveSlack = 0x1p-18f;
 
+// The larger of a and b. A NaN b leaves a: a lane whose direction is not a
+// number hits nothing, and must not wipe out the other lanes' largest
+// components, on which their error bounds rest.
 inline float largest(float a, float b) {
-    return a > b ? a : b;
+    return b > a ? b : a;
 }
 
 // What the sieve needs of one record, shared by all lanes: its corner and

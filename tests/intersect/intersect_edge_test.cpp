@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <memory>
 #include <string>
 #include <vector>
@@ -320,6 +321,41 @@ TEST(IntersectEdges, EmptyBlocks) {
         EXPECT_EQ(9, id[i]);
         EXPECT_EQ(0, mask[i]);
         EXPECT_EQ(kFar, dist[i]);
+    }
+}
+
+// Eye rays of very different lengths, and one whose direction is not a
+// number, in one four-ray packet: the lanes must still find what the
+// scalar worker finds (the NaN ray nothing).
+TEST(IntersectEdges, UndefinedEyeRayHidesNoHits) {
+    TestScene s;
+    const float a[3] = {0.595923245f, 0.710457444f, 0.154319271f},
+                b[3] = {0.546393454f, 0.619260788f, 0.150560379f},
+                c[3] = {0.52102989f, 0.58924222f, 0.0166986585f};
+    s.addTriangle(a, b, c);
+    s.finish();
+    const PackedTree tree(*kelt::singleLeaf(1));
+    const IntersectContext ctx = s.context(tree.root());
+    const float eye[3] = {-0.5f, -0.4f, -0.3f},
+                toward[3] = {1.07912755f, 1.07953227f, 0.453044623f};
+    const float scale[4] = {1e4f, std::nanf(""), 1e-4f, 1e-4f};
+    Planes3 dir(16), hit(16), scalarHit(16);
+    Plane<float> dist(16, kFar), scalarDist(16, kFar);
+    Plane<int> id(16), scalarId(16);
+    for (int i = 0; i < 16; ++i) {
+        const float d[3] = {toward[0] * scale[i % 4], toward[1] * scale[i % 4],
+                            toward[2] * scale[i % 4]};
+        dir.set(i, d);
+    }
+    ASSERT_EQ(KEL_STS_OK,
+              kelrIntersectEyeSO_32f(eye, dir.p, dist.data(), hit.p, id.data(), &ctx, 4, 4));
+    ASSERT_EQ(KEL_STS_OK,
+              ownIntersectEyeBlock(eye, dir.p, s.box, s.accel.data(), tree.root(),
+                                   scalarDist.data(), scalarHit.p, scalarId.data(), 4, 4));
+    for (int i = 0; i < 16; ++i) {
+        EXPECT_EQ(i % 4 == 1 ? -1 : 0, scalarId[i]) << i;
+        EXPECT_EQ(scalarId[i], id[i]) << i;
+        EXPECT_EQ(scalarDist[i], dist[i]) << i;
     }
 }
 
