@@ -260,33 +260,33 @@ void expectOracle(Query q, const TestScene& s, const Planes3& origins, bool shar
     EXPECT_LE(ties, kRays / 50);
 }
 
-void checkEye(const TestScene& s, const KDTreeNode* tree, const Workload& w) {
-    SCOPED_TRACE("eye rays");
+// A nearest-hit query through the scalar worker and the entry point.
+void checkNearest(Query q, const TestScene& s, const KDTreeNode* tree, const Workload& w) {
+    const bool eyeRays = q == Query::Eye;
+    SCOPED_TRACE(eyeRays ? "eye rays" : "rays with own origins");
     const IntersectContext context = s.context(tree);
-    const EyeRays& rays = w.eye;
-    Nearest scalar(rays.distance), packet(rays.distance);
-    ASSERT_EQ(KEL_STS_OK,
-              ownIntersectEyeBlock(rays.eye, rays.dir.p, s.box, s.accel.data(), tree,
-                                   scalar.distance.data(), scalar.hit, scalar.id.data(), kW, kH));
-    ASSERT_EQ(KEL_STS_OK, kelrIntersectEyeSO_32f(rays.eye, rays.dir.p, packet.distance.data(),
-                                                 packet.hit, packet.id.data(), &context, kW, kH));
+    const Planes3& dir = eyeRays ? w.eye.dir : w.second;
+    const Plane<float>& entry = eyeRays ? w.eye.distance : w.entry;
+    Nearest scalar(entry), packet(entry);
+    if (eyeRays) {
+        ASSERT_EQ(KEL_STS_OK, ownIntersectEyeBlock(w.eye.eye, dir.p, s.box, s.accel.data(), tree,
+                                                   scalar.distance.data(), scalar.hit,
+                                                   scalar.id.data(), kW, kH));
+        ASSERT_EQ(KEL_STS_OK,
+                  kelrIntersectEyeSO_32f(w.eye.eye, dir.p, packet.distance.data(), packet.hit,
+                                         packet.id.data(), &context, kW, kH));
+    } else {
+        ASSERT_EQ(KEL_STS_OK,
+                  ownIntersectBlock(w.origin.p, dir.p, s.box, s.accel.data(), tree,
+                                    scalar.distance.data(), scalar.hit, scalar.id.data(), kW, kH));
+        ASSERT_EQ(KEL_STS_OK, kelrIntersectMO_32f(w.origin.p, dir.p, packet.distance.data(),
+                                                  packet.hit, packet.id.data(), &context, kW, kH));
+    }
     expectSameBits(scalar, packet);
     Planes3 eye(1);
-    eye.set(0, rays.eye);
-    expectOracle(Query::Eye, s, eye, true, rays.dir, rays.distance, w.eyeWant, scalar);
-}
-
-void checkOwnOrigin(const TestScene& s, const KDTreeNode* tree, const Workload& w) {
-    SCOPED_TRACE("rays with own origins");
-    const IntersectContext context = s.context(tree);
-    Nearest scalar(w.entry), packet(w.entry);
-    ASSERT_EQ(KEL_STS_OK,
-              ownIntersectBlock(w.origin.p, w.second.p, s.box, s.accel.data(), tree,
-                                scalar.distance.data(), scalar.hit, scalar.id.data(), kW, kH));
-    ASSERT_EQ(KEL_STS_OK, kelrIntersectMO_32f(w.origin.p, w.second.p, packet.distance.data(),
-                                              packet.hit, packet.id.data(), &context, kW, kH));
-    expectSameBits(scalar, packet);
-    expectOracle(Query::MultipleOrigin, s, w.origin, false, w.second, w.entry, w.ownWant, scalar);
+    eye.set(0, w.eye.eye);
+    expectOracle(q, s, eyeRays ? eye : w.origin, eyeRays, dir, entry,
+                 eyeRays ? w.eyeWant : w.ownWant, scalar);
 }
 
 // Both paths mark exactly the rays that the oracle finds occluded, leave
@@ -327,8 +327,8 @@ void checkScene(const std::string& name, const SceneTrees& st) {
         const Workload w(st.scene, inside != 0);
         for (auto& [treeName, tree] : st.trees) {
             SCOPED_TRACE(name + "/" + treeName + (inside ? "/inside" : "/outside"));
-            checkEye(st.scene, tree, w);
-            checkOwnOrigin(st.scene, tree, w);
+            checkNearest(Query::Eye, st.scene, tree, w);
+            checkNearest(Query::MultipleOrigin, st.scene, tree, w);
             checkShadow(st.scene, tree, w);
         }
     }

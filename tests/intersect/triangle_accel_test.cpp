@@ -94,11 +94,6 @@ TEST(TriangleAccel, DegenerateRecordsAndCounts) {
         for (int w = 0; w < 9; ++w) EXPECT_EQ(0.0f, f[w]) << "triangle " << i << " word " << w;
         EXPECT_EQ(i, rec[i].triangle);
         EXPECT_EQ(kUntouched, rec[i].reserved);
-        for (auto q : {oracle::Query::Eye, oracle::Query::MultipleOrigin, oracle::Query::Any}) {
-            const float o[3] = {1, 2, 0}, r[3] = {0.1f, 0.2f, 1};
-            oracle::Hit h;
-            EXPECT_FALSE(oracle::testTriangle(q, rec[i], o, r, 1e30f, &h));
-        }
     }
     EXPECT_EQ(0x21u | kFlat, rec[2].axes);
 
@@ -113,52 +108,41 @@ TEST(TriangleAccel, DegenerateRecordsAndCounts) {
 }
 
 // A ray aimed at a known point of a random triangle must hit it at the known
-// distance with the point's barycentric weights, in every query: this ties
-// the record to the triangle's geometry independently of its encoding.
+// distance with the point's barycentric weights: this ties the record to
+// the triangle's geometry independently of its encoding.
 TEST(TriangleAccel, RecordsReproduceTheGeometry) {
     std::mt19937 rng(20261121);
-    std::uniform_real_distribution<float> coord(-2.0f, 2.0f), weight(0.05f, 0.9f);
+    std::uniform_real_distribution<float> coord(-2.0f, 2.0f), weight(0.05f, 0.45f);
     for (int trial = 0; trial < 2000; ++trial) {
         std::array<float, 9> tri;
         for (float& c : tri) c = coord(rng);
         const auto rec = recordsFor({tri});
-        float a = weight(rng), b = weight(rng);
-        if (a + b > 0.95f) {
-            a *= 0.5f;
-            b *= 0.5f;
-        }
-        const double c = 1.0 - a - b;
-        double p[3], n[3], e1[3], e2[3];
+        const double a = weight(rng), b = weight(rng), c = 1.0 - a - b;
+        double p[3], e1[3], e2[3];
         for (int k = 0; k < 3; ++k) {
             p[k] = a * tri[k] + b * tri[3 + k] + c * tri[6 + k];
             e1[k] = double(tri[k]) - tri[6 + k];
             e2[k] = double(tri[3 + k]) - tri[6 + k];
         }
-        n[0] = e1[1] * e2[2] - e1[2] * e2[1];
-        n[1] = e1[2] * e2[0] - e1[0] * e2[2];
-        n[2] = e1[0] * e2[1] - e1[1] * e2[0];
+        const double n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2],
+                             e1[0] * e2[1] - e1[1] * e2[0]};
         const double area = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
         if (area < 0.05) continue;  // slivers: the weights are ill-conditioned
-        // Slanted towards the plane, from 2 direction lengths away; half of
-        // the rays come from behind.
+        // Slanted towards the plane from 2 direction lengths away; half of the
+        // rays come from behind.
         float r[3], o[3];
-        const double side = trial % 2 ? 1.0 : -1.0;
-        for (int k = 0; k < 3; ++k) r[k] = float(side * n[k] / area + 0.3 * coord(rng));
         double along = 0;
-        for (int k = 0; k < 3; ++k) along += r[k] * n[k] / area;
-        if (std::fabs(along) < 0.3) continue;
-        for (int k = 0; k < 3; ++k) o[k] = float(p[k] - 2.0 * r[k]);
-        for (auto q : {oracle::Query::Eye, oracle::Query::MultipleOrigin, oracle::Query::Any}) {
-            const float range = q == oracle::Query::Any ? 1.0f : 10.0f;
-            float ro[3] = {r[0], r[1], r[2]};
-            if (q == oracle::Query::Any)
-                for (float& x : ro) x *= 2.5f;  // the point lies at t = 0.8
-            oracle::Hit h;
-            ASSERT_TRUE(oracle::testTriangle(q, rec[0], o, ro, range, &h)) << "trial " << trial;
-            EXPECT_NEAR(q == oracle::Query::Any ? 0.8 : 2.0, h.t, 1e-3);
-            EXPECT_NEAR(a, h.u, 2e-3);
-            EXPECT_NEAR(b, h.v, 2e-3);
+        for (int k = 0; k < 3; ++k) {
+            r[k] = float((trial % 2 ? 1 : -1) * n[k] / area + 0.3 * coord(rng));
+            along += r[k] * n[k] / area;
+            o[k] = float(p[k] - 2.0 * r[k]);
         }
+        if (std::fabs(along) < 0.3) continue;
+        oracle::Hit h;
+        ASSERT_TRUE(oracle::testTriangle(oracle::Query::Eye, rec[0], o, r, 10, &h)) << trial;
+        EXPECT_NEAR(2.0, h.t, 1e-3);
+        EXPECT_NEAR(a, h.u, 2e-3);
+        EXPECT_NEAR(b, h.v, 2e-3);
     }
 }
 
