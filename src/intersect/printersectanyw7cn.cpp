@@ -19,10 +19,10 @@ int occludingLanes(const TriangleAccel& rec, int k, int a, int b,
     __m128 accept = _mm_and_ps(lanes, _mm_cmpgt_ps(t, _mm_setzero_ps()));
     accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_set1_ps(kSegmentEnd)));
     if (!_mm_movemask_ps(accept)) return 0;
-    return _mm_movemask_ps(
-        _mm_and_ps(accept, kel::packet::triangleWeights(rec, a, b, r, rel.ou, rel.ov, rel.num,
-                                                        denom, _mm_set1_ps(kel::kTinyComponent))
-                               .inside));
+    return _mm_movemask_ps(_mm_and_ps(
+        accept, kel::packet::triangleWeights(rec, a, b, r, rel.ou, rel.ov, rel.num, denom,
+                                             _mm_set1_ps(kel::kShadowLimits.zeroBelow))
+                    .inside));
 }
 
 // One or two rows of four shadow segments: each lane stops at the first
@@ -145,7 +145,9 @@ struct NearestOccluder {
     }
 
     int testLeaf(const int32_t* triangles, int count, int lanes) {
-        const __m128 limit = _mm_set1_ps(kel::kTinyComponent);
+        // The record test's own thresholds, which the eye query uses too.
+        const __m128 parallelBelow = _mm_set1_ps(float(kel::EyeQuery::kLimits.parallelBelow));
+        const __m128 margin = _mm_set1_ps(float(kel::EyeQuery::kMargin));
         const __m128 zero = _mm_setzero_ps();
         for (int i = 0; i < count; ++i) {
             const int n = triangles[i];
@@ -157,10 +159,10 @@ struct NearestOccluder {
                 kel::packet::sharedOriginTerms(rec, k, a, b, origin);
             const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
             const __m128 t = _mm_div_ps(rel.num, denom);
-            __m128 accept =
-                _mm_and_ps(laneMask(lanes), _mm_cmpnlt_ps(kel::packet::magnitude(denom), limit));
+            __m128 accept = _mm_and_ps(laneMask(lanes),
+                                       _mm_cmpnlt_ps(kel::packet::magnitude(denom), parallelBelow));
             accept = _mm_and_ps(accept, _mm_cmpgt_ps(t, zero));
-            accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_sub_ps(distance, limit)));
+            accept = _mm_and_ps(accept, _mm_cmplt_ps(t, _mm_sub_ps(distance, margin)));
             if (!_mm_movemask_ps(accept)) continue;
             // No weight is zeroed here: the signs decide alone.
             const kel::packet::TriangleWeights w = kel::packet::triangleWeights(
