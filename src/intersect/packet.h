@@ -390,6 +390,19 @@ void traceTileByOctant(Kernels& kernels, const TileOctants& octants, int first, 
     }
 }
 
+// A driver's plane pointers advanced to the ray where a kernel starts.
+template <int N, typename T>
+struct PlanesAt {
+    T* p[N];
+};
+
+template <int N, typename T>
+PlanesAt<N, T> planesAt(T* const* planes, int first) {
+    PlanesAt<N, T> at;
+    for (int i = 0; i < N; ++i) at.p[i] = planes[i] + first;
+    return at;
+}
+
 // Marks every ray of the block as a miss before any kernel runs, sixteen
 // ids at a time while that many remain, then four at a time.
 inline void fillNoHit(int* pTriangleId, int count) {

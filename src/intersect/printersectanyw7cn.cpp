@@ -6,6 +6,7 @@
 namespace {
 
 using kel::packet::laneMask;
+using kel::packet::planesAt;
 using kel::packet::select;
 
 using kel::kSegmentEnd;
@@ -200,18 +201,18 @@ struct SegmentKernels {
         return ownIntersectNearestOccl(origin, d, accel, tree);
     }
     void occluder4x4(int first, int triangle) {
-        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
-        ownIntersectOccluder4x4(origin, d, accel, triangle, id + first, mask + first, width);
+        ownIntersectOccluder4x4(origin, planesAt<3>(direction, first).p, accel, triangle,
+                                id + first, mask + first, width);
     }
     void trace4x2(int first) {
-        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
-        ownIntersectAnyBlock4x2(origin, d, accel, tree, id + first, mask + first, width);
+        ownIntersectAnyBlock4x2(origin, planesAt<3>(direction, first).p, accel, tree, id + first,
+                                mask + first, width);
     }
     // The kernel writes only the lanes of this octant, so the row's other
     // lanes keep what their own octant's call left.
     void trace4x1(int first, int lanes) {
-        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
-        ownIntersectAnyBlock4x1(origin, d, accel, tree, id + first, mask + first, lanes);
+        ownIntersectAnyBlock4x1(origin, planesAt<3>(direction, first).p, accel, tree, id + first,
+                                mask + first, lanes);
     }
 };
 

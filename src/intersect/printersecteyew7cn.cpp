@@ -13,6 +13,7 @@ namespace {
 
 using kel::packet::laneMask;
 using kel::packet::magnitude;
+using kel::packet::planesAt;
 using kel::packet::select;
 
 using kel::EyeQuery;
@@ -253,16 +254,12 @@ struct EyeKernels {
     int width;
 
     void trace4x2(int first) {
-        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
-        float* h[2] = {hit[0] + first, hit[1] + first};
-        ownIntersectEyeBlock4x2(origin, d, box, accel, tree, distance + first, h, id + first,
-                                width);
+        ownIntersectEyeBlock4x2(origin, planesAt<3>(direction, first).p, box, accel, tree,
+                                distance + first, planesAt<2>(hit, first).p, id + first, width);
     }
     void trace4x1(int first, int lanes) {
-        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
-        float* h[2] = {hit[0] + first, hit[1] + first};
-        ownIntersectEyeBlock4x1(origin, d, box, accel, tree, distance + first, h, id + first,
-                                lanes);
+        ownIntersectEyeBlock4x1(origin, planesAt<3>(direction, first).p, box, accel, tree,
+                                distance + first, planesAt<2>(hit, first).p, id + first, lanes);
     }
 };
 

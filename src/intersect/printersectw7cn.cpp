@@ -10,6 +10,7 @@
 namespace {
 
 using kel::packet::laneMask;
+using kel::packet::planesAt;
 using kel::packet::select;
 
 using Limits = kel::OwnOriginQuery;
@@ -135,16 +136,14 @@ struct OwnOriginKernels {
     int width;
 
     void trace4x2(int first) {
-        const float* o[3] = {origin[0] + first, origin[1] + first, origin[2] + first};
-        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
-        float* h[2] = {hit[0] + first, hit[1] + first};
-        ownIntersectBlock4x2(o, d, box, accel, tree, distance + first, h, id + first, width);
+        ownIntersectBlock4x2(planesAt<3>(origin, first).p, planesAt<3>(direction, first).p, box,
+                             accel, tree, distance + first, planesAt<2>(hit, first).p, id + first,
+                             width);
     }
     void trace4x1(int first, int lanes) {
-        const float* o[3] = {origin[0] + first, origin[1] + first, origin[2] + first};
-        const float* d[3] = {direction[0] + first, direction[1] + first, direction[2] + first};
-        float* h[2] = {hit[0] + first, hit[1] + first};
-        ownIntersectBlock4x1(o, d, box, accel, tree, distance + first, h, id + first, lanes);
+        ownIntersectBlock4x1(planesAt<3>(origin, first).p, planesAt<3>(direction, first).p, box,
+                             accel, tree, distance + first, planesAt<2>(hit, first).p, id + first,
+                             lanes);
     }
 };
 
