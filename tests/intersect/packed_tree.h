@@ -56,7 +56,6 @@ class PackedTree {
     }
 
     const KDTreeNode* root() const { return reinterpret_cast<const KDTreeNode*>(block_.data()); }
-    int sizeInBytes() const { return int(words_.size() * 4); }
 
   private:
     // Child pairs follow in depth-first pre-order; leaves are recorded in
