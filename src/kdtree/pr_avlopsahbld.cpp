@@ -46,10 +46,12 @@ void releaseWorkingMemory(PsahBuildState* state) {
     }
 }
 
+// The chunk lists go first, then the pools and scratch arrays still held,
+// then the state itself.
 void releaseBuildState(PsahBuildState* state) {
-    releaseWorkingMemory(state);
     releaseChunks(&state->nodeChunks);
     releaseChunks(&state->indexChunks);
+    releaseWorkingMemory(state);
     kelsFree(state);
 }
 
