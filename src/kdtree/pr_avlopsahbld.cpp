@@ -101,9 +101,9 @@ bool isMeshVertex(const PsahBuildState* state, const float* p) {
            uintptr_t(p) < uintptr_t(state->vertexEnd);
 }
 
-// The vertex-pointer record of a polygon. Mesh vertices are referenced in
-// place; points made by cutting live only on the caller's stack and are
-// copied into the vertex store.
+// The vertex-pointer record of a polygon cut to the box. Corners inside the
+// mesh's vertex array are referenced in place; points made by cutting live
+// only on the caller's stack and are copied into the vertex store.
 const float** storeCorners(PsahBuildState* state, const float* const* corners, int n,
                            KelStatus* status) {
     const float** record = takeVertexRecord(state, n, status);
@@ -243,11 +243,9 @@ KelStatus initPatchesFromTriangles(PsahPatch** ppFirst, const int* pTriangles, i
     if (!patches) return KEL_STS_OVERFLOW;
     KelStatus status = KEL_STS_OK;
     for (int i = 0; i < triangleCount; ++i) {
-        const int* triangle = pTriangles + 4 * i;
-        const float* corners[3];
-        for (int k = 0; k < 3; ++k) corners[k] = state->vertexBegin + 3 * triangle[k];
-        const float** record = storeCorners(state, corners, 3, &status);
+        const float** record = takeVertexRecord(state, 3, &status);
         if (!record) return status;
+        for (int k = 0; k < 3; ++k) record[k] = state->vertexBegin + 3 * pTriangles[4 * i + k];
         fillPatch(&patches[i], i, record, 3);
     }
     *ppFirst = patches;
