@@ -145,15 +145,10 @@ void emitCorner(ClipPolygon* out, const float* p) {
     if (out->n < kMaxCorners) out->corner[out->n++] = p;
 }
 
-// The point where the edge from `from` to `to` meets the plane: its other two
-// coordinates are interpolated in double and rounded once, its coordinate on
-// the cutting axis is the plane itself.
 void emitCrossing(ClipPolygon* out, const float* from, const float* to, int axis, float plane) {
     if (out->n >= kMaxCorners) return;
     float* p = out->made[out->n];
-    const double t = (double(plane) - double(from[axis])) / (double(to[axis]) - double(from[axis]));
-    for (int b = 0; b < 3; ++b)
-        p[b] = b == axis ? plane : float(double(from[b]) + t * (double(to[b]) - double(from[b])));
+    planeCrossing(from, to, axis, plane, p);
     out->corner[out->n++] = p;
 }
 

@@ -373,16 +373,12 @@ struct Chain {
     const float* last() const { return vertex[count - 1]; }
 };
 
-// The point where the edge from p to q meets the plane, interpolated in
-// double. Its coordinate on the axis is the plane itself, so both pieces end
-// exactly there.
+// A new point where the edge from p to q meets the plane, kept in the vertex
+// store for as long as the pieces that share it.
 const float* crossingPoint(PsahBuildState* state, const float* p, const float* q, float s,
                            int axis) {
     auto* x = static_cast<float*>(kel::takeFromPool(&state->vertexPool, 3 * sizeof(float)));
-    if (!x) return nullptr;
-    const double t = (double(s) - double(p[axis])) / (double(q[axis]) - double(p[axis]));
-    for (int b = 0; b < 3; ++b)
-        x[b] = b == axis ? s : float(double(p[b]) + t * (double(q[b]) - double(p[b])));
+    if (x) kel::planeCrossing(p, q, axis, s, x);
     return x;
 }
 

@@ -11,16 +11,20 @@ namespace kel {
 
 // One polygon of a node: a triangle, or the part of one cut to a box.
 struct PsahPatch {
-    uint32_t head;          // triangle number << 5 | vertex count (3..9)
-    uint32_t mask;          // extreme-vertex mask, see extremeVertexMask
-    const float** vertices; // vertex-pointer record: count pointers to x, y, z
+    uint32_t head;           // triangle number << 5 | vertex count (3..9)
+    uint32_t mask;           // extreme-vertex mask, see extremeVertexMask
+    const float** vertices;  // vertex-pointer record: count pointers to x, y, z
 };
 
 constexpr int kPatchTriangleShift = 5;
 constexpr uint32_t kPatchCountMask = 31;
 
-inline int patchVertexCount(const PsahPatch& p) { return int(p.head & kPatchCountMask); }
-inline int patchTriangle(const PsahPatch& p) { return int32_t(p.head) >> kPatchTriangleShift; }
+inline int patchVertexCount(const PsahPatch& p) {
+    return int(p.head & kPatchCountMask);
+}
+inline int patchTriangle(const PsahPatch& p) {
+    return int32_t(p.head) >> kPatchTriangleShift;
+}
 
 // Smallest and largest coordinate of a patch on an axis, read through the
 // mask rather than by scanning the polygon.
@@ -38,13 +42,13 @@ constexpr int kPsahLeaf = 3;
 struct PsahBuildNode {
     int32_t kind;
     union {
-        float split;   // inner node
-        int32_t count; // leaf: patches, later triangle numbers
+        float split;    // inner node
+        int32_t count;  // leaf: patches, later triangle numbers
     };
     union {
-        PsahBuildNode* children; // inner node: the pair, first child first
-        PsahPatch* patches;      // unprocessed node
-        int32_t* triangles;      // leaf (null when empty)
+        PsahBuildNode* children;  // inner node: the pair, first child first
+        PsahPatch* patches;       // unprocessed node
+        int32_t* triangles;       // leaf (null when empty)
     };
 };
 
@@ -52,10 +56,10 @@ struct PsahBuildNode {
 struct SplitDecision {
     double cost;
     float position;
-    int32_t axis;       // 0..2, or -1: keep the node as a leaf
+    int32_t axis;  // 0..2, or -1: keep the node as a leaf
     int32_t leftCount;
     int32_t rightCount;
-    int32_t planarSide; // 0: patches lying in the plane go left, 1: right
+    int32_t planarSide;  // 0: patches lying in the plane go left, 1: right
 };
 
 // A 16 MiB data area in a circular doubly linked list. The list head has the
@@ -80,12 +84,12 @@ struct PsahPool {
     char* cursor;
 };
 
-constexpr int kScratchArrays = 12;   // four per axis: minima, maxima, planar, sort workspace
-constexpr int kRecordSizeClasses = 10; // vertex-pointer records of 0..9 pointers
+constexpr int kScratchArrays = 12;      // four per axis: minima, maxima, planar, sort workspace
+constexpr int kRecordSizeClasses = 10;  // vertex-pointer records of 0..9 pointers
 
 struct PsahBuildState {
-    uint32_t totalBudget; // bytes
-    uint32_t budget;      // bytes remaining
+    uint32_t totalBudget;  // bytes
+    uint32_t budget;       // bytes remaining
     const float* vertexBegin;
     const float* vertexEnd;
     const float* vertexLimit;
@@ -93,12 +97,12 @@ struct PsahBuildState {
     const int32_t* triangleEnd;
     const int32_t* triangleLimit;
     PsahPool patchPool;
-    PsahPool vertexPool; // points created by cutting, three floats each
+    PsahPool vertexPool;  // points created by cutting, three floats each
     float* scratch[kScratchArrays];
     PsahChunk nodeChunks;   // child pairs
     PsahChunk indexChunks;  // leaves' triangle-index lists
     const float** freeRecords[kRecordSizeClasses];
-    PsahChunk recordChunks; // vertex-pointer records
+    PsahChunk recordChunks;  // vertex-pointer records
 };
 #if defined(__i386__)
 static_assert(sizeof(PsahBuildState) == 204, "51 words");
@@ -125,8 +129,7 @@ inline void* takeFromChunks(PsahBuildState* state, PsahChunk* head, uint32_t byt
         *status = KEL_STS_OVERFLOW;
         return nullptr;
     }
-    auto* chunk = reinterpret_cast<PsahChunk*>(
-        kelsMalloc_32s(int((sizeof(PsahChunk) + 3) / 4)));
+    auto* chunk = reinterpret_cast<PsahChunk*>(kelsMalloc_32s(int((sizeof(PsahChunk) + 3) / 4)));
     char* data = reinterpret_cast<char*>(kelsMalloc_32s(int(kChunkDataBytes / 4)));
     chunk->base = data;
     chunk->end = data + kChunkDataBytes;
@@ -182,19 +185,28 @@ inline void releaseVertexRecord(PsahBuildState* state, const float** record, int
     state->freeRecords[n] = record;
 }
 
+// The point where the edge from `from` to `to` meets an axis plane. The other
+// two coordinates are interpolated in double and rounded once; the one on the
+// axis is the plane itself, so the pieces on either side end exactly there.
+inline void planeCrossing(const float* from, const float* to, int axis, float plane, float* point) {
+    const double t = (double(plane) - double(from[axis])) / (double(to[axis]) - double(from[axis]));
+    for (int b = 0; b < 3; ++b)
+        point[b] =
+            b == axis ? plane : float(double(from[b]) + t * (double(to[b]) - double(from[b])));
+}
+
 // Rows place a vertex index into the x, y and z fields of the mask: the
 // largest coordinate's index at bits 5a, the smallest's at bits 15 + 5a.
 inline constexpr int32_t min_imsk_A[10][4] = {
-    {0 << 15, 0 << 20, 0 << 25, 0}, {1 << 15, 1 << 20, 1 << 25, 0},
-    {2 << 15, 2 << 20, 2 << 25, 0}, {3 << 15, 3 << 20, 3 << 25, 0},
-    {4 << 15, 4 << 20, 4 << 25, 0}, {5 << 15, 5 << 20, 5 << 25, 0},
-    {6 << 15, 6 << 20, 6 << 25, 0}, {7 << 15, 7 << 20, 7 << 25, 0},
-    {8 << 15, 8 << 20, 8 << 25, 0}, {9 << 15, 9 << 20, 9 << 25, 0}};
-inline constexpr int32_t max_imsk_A[10][4] = {
-    {0, 0 << 5, 0 << 10, 0}, {1, 1 << 5, 1 << 10, 0}, {2, 2 << 5, 2 << 10, 0},
-    {3, 3 << 5, 3 << 10, 0}, {4, 4 << 5, 4 << 10, 0}, {5, 5 << 5, 5 << 10, 0},
-    {6, 6 << 5, 6 << 10, 0}, {7, 7 << 5, 7 << 10, 0}, {8, 8 << 5, 8 << 10, 0},
-    {9, 9 << 5, 9 << 10, 0}};
+    {0 << 15, 0 << 20, 0 << 25, 0}, {1 << 15, 1 << 20, 1 << 25, 0}, {2 << 15, 2 << 20, 2 << 25, 0},
+    {3 << 15, 3 << 20, 3 << 25, 0}, {4 << 15, 4 << 20, 4 << 25, 0}, {5 << 15, 5 << 20, 5 << 25, 0},
+    {6 << 15, 6 << 20, 6 << 25, 0}, {7 << 15, 7 << 20, 7 << 25, 0}, {8 << 15, 8 << 20, 8 << 25, 0},
+    {9 << 15, 9 << 20, 9 << 25, 0}};
+inline constexpr int32_t max_imsk_A[10][4] = {{0, 0 << 5, 0 << 10, 0}, {1, 1 << 5, 1 << 10, 0},
+                                              {2, 2 << 5, 2 << 10, 0}, {3, 3 << 5, 3 << 10, 0},
+                                              {4, 4 << 5, 4 << 10, 0}, {5, 5 << 5, 5 << 10, 0},
+                                              {6, 6 << 5, 6 << 10, 0}, {7, 7 << 5, 7 << 10, 0},
+                                              {8, 8 << 5, 8 << 10, 0}, {9, 9 << 5, 9 << 10, 0}};
 
 // Extreme-vertex mask of a polygon. Ties keep the lowest vertex index; a NaN
 // coordinate replaces the running value, as the "not <=" tests say.
@@ -221,8 +233,8 @@ KEL_API KelStatus ownKDTBldPSAH_ML(const float* pVertices, const int* pTriangles
                                    const float* pClipBox);
 KEL_API KelStatus ownOptimizationPSAH(kel::PsahBuildState* state, kel::PsahBuildNode* root,
                                       float psahWeight, int maxDepth, const float* rootBox);
-KEL_API KelStatus ownCompactTreeRepresentation(const kel::PsahBuildNode* root,
-                                               KDTreeNode** ppTree, int* pTreeSize);
+KEL_API KelStatus ownCompactTreeRepresentation(const kel::PsahBuildNode* root, KDTreeNode** ppTree,
+                                               int* pTreeSize);
 // Sort n floats ascending in place; buffer is scratch of n floats and ends up
 // holding a copy of the result. The _w7 variant needs both 16-byte aligned.
 KEL_API KelStatus ownRadixSortAccend_32f_w7(float* pData, float* pBuffer, uint32_t n);
