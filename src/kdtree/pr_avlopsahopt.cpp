@@ -271,23 +271,32 @@ AxisSplit unsearched(double cLeaf) {
     return AxisSplit{cLeaf, 0.0f, 0, 0, 1};
 }
 
+// One axis of a node: its events gathered into the four arrays, then the
+// sweep that fits them. Without planar patches nothing lies in any plane, and
+// the side they would take is reported as the right one.
+template <typename Real>
+void searchAxis(const PsahPatch* patches, int n, int axis, const float* box, float* const* arrays,
+                AxisSplit* out) {
+    const AxisEvents ev = gatherEvents(patches, n, axis, arrays);
+    const float e1 = extentOf(box, kOtherAxes[axis]), e2 = extentOf(box, kOtherAxes[axis + 1]);
+    if (ev.planarCount == 0) {
+        sweepAxis<Real, false>(ev.minima, ev.maxima, nullptr, ev.count, 0, box[axis], box[axis + 3],
+                               e1, e2, out);
+        out->planarSide = 1;
+    } else {
+        sweepAxis<Real, true>(ev.minima, ev.maxima, ev.planar, ev.count, ev.planarCount, box[axis],
+                              box[axis + 3], e1, e2, out);
+    }
+}
+
 // Small nodes reuse the x-axis scratch arrays for every axis.
 void searchSmallNode(const PsahPatch* patches, int n, const float* box, float* const* scratch,
                      float k, SplitDecision* d) {
     AxisSplit results[3];
     for (int axis = 0; axis < 3; ++axis) {
         results[axis] = unsearched(d->cost);
-        if (!axisSearchable(box, axis)) continue;
-        const AxisEvents ev = gatherEvents(patches, n, axis, scratch);
-        const float e1 = extentOf(box, kOtherAxes[axis]), e2 = extentOf(box, kOtherAxes[axis + 1]);
-        if (ev.planarCount == 0) {
-            sweepAxis<float, false>(ev.minima, ev.maxima, nullptr, ev.count, 0, box[axis],
-                                    box[axis + 3], e1, e2, &results[axis]);
-            results[axis].planarSide = 1;
-        } else {
-            sweepAxis<float, true>(ev.minima, ev.maxima, ev.planar, ev.count, ev.planarCount,
-                                   box[axis], box[axis + 3], e1, e2, &results[axis]);
-        }
+        if (axisSearchable(box, axis))
+            searchAxis<float>(patches, n, axis, box, scratch, &results[axis]);
     }
     decideSplit(results, n, d->cost, k, d);
 }
@@ -297,31 +306,11 @@ void searchSmallNode(const PsahPatch* patches, int n, const float* box, float* c
 // ---------------------------------------------------------------------------
 // Wide nodes: one sweep per axis in double precision.
 
-static void localLeftRightSearch_NS(const float* minima, const float* maxima, int count, float lo,
-                                    float hi, float e1, float e2, AxisSplit* out) {
-    sweepAxis<double, false>(minima, maxima, nullptr, count, 0, lo, hi, e1, e2, out);
-}
-
-static void localLeftRightSearch(const float* minima, const float* maxima, const float* planar,
-                                 int count, int planarCount, float lo, float hi, float e1, float e2,
-                                 AxisSplit* out) {
-    sweepAxis<double, true>(minima, maxima, planar, count, planarCount, lo, hi, e1, e2, out);
-}
-
 // Runs on its own thread: reads the patches and the box, writes only this
 // axis's four scratch arrays and its result.
 static void searchWideAxis(int axis, const PsahBuildNode* node, const float* box,
                            float* const* scratch, AxisSplit* out) {
-    const AxisEvents ev = gatherEvents(node->patches, node->count, axis, scratch + 4 * axis);
-    const float e1 = extentOf(box, kOtherAxes[axis]), e2 = extentOf(box, kOtherAxes[axis + 1]);
-    if (ev.planarCount == 0) {
-        localLeftRightSearch_NS(ev.minima, ev.maxima, ev.count, box[axis], box[axis + 3], e1, e2,
-                                out);
-        out->planarSide = 1;
-    } else {
-        localLeftRightSearch(ev.minima, ev.maxima, ev.planar, ev.count, ev.planarCount, box[axis],
-                             box[axis + 3], e1, e2, out);
-    }
+    searchAxis<double>(node->patches, node->count, axis, box, scratch + 4 * axis, out);
 }
 
 // The axes are compared only after the parallel region, so the choice does
