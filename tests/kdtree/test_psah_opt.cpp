@@ -6,25 +6,15 @@
 
 #include <algorithm>
 #include <cfloat>
-#include <cstdlib>
 #include <random>
 #include <vector>
 
+#include "alloc_count.h"
 #include "kdtree/psah.h"
 
 namespace {
 
 using namespace kel;
-
-long g_liveBlocks = 0;
-void* countingMalloc(size_t n) {
-    ++g_liveBlocks;
-    return malloc(n);
-}
-void countingFree(void* p) {
-    --g_liveBlocks;
-    free(p);
-}
 
 struct Tri {
     float v[3][3];
@@ -44,11 +34,7 @@ struct Tree {
 // the patch pool, every record from the state's chunk lists.
 class PsahOpt : public ::testing::Test {
   protected:
-    void SetUp() override { i_malloc = countingMalloc, i_free = countingFree; }
-    void TearDown() override {
-        release();
-        i_malloc = malloc, i_free = free;
-    }
+    void TearDown() override { release(); }
 
     void release() {
         if (built) {
@@ -60,7 +46,7 @@ class PsahOpt : public ::testing::Test {
             for (float* s : state.scratch) kelsFree(s);
             built = false;
         }
-        EXPECT_EQ(g_liveBlocks, 0) << "leaked blocks";
+        EXPECT_EQ(count.liveBlocks(), 0) << "leaked blocks";
     }
 
     static PsahPool pool(size_t bytes) {
@@ -127,6 +113,7 @@ class PsahOpt : public ::testing::Test {
         return t;
     }
 
+    kelt::AllocationCount count;
     std::vector<Tri> mesh;
     PsahBuildState state;
     PsahBuildNode root;
