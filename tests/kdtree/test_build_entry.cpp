@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "kelr.h"
+#include "psah_support.h"
+#include "tree_check.h"
 
 namespace {
 
@@ -170,53 +172,34 @@ TEST_F(BuildEntry, ValidPsahContextsReachTheBuilder) {
             log.frees.clear();
         }
     }
-    // 32 MiB passes this check; the builder's own fixed need then refuses it.
+    // 32 MiB passes this check; the builder's own fixed need then refuses it
+    // before anything is allocated.
     KDTreeBuildContext exact = psahContext(10, 0.5f, 32);
-    EXPECT_EQ(build(&exact), KEL_STS_NO_MEM);
-    EXPECT_EQ(tree, untouchedTree());
+    EXPECT_TRUE(failedCleanly(build(&exact), KEL_STS_NO_MEM));
 }
-
-namespace {
-
-// Triangles listed in the leaves of a tree.
-int listedTriangles(const KDTreeNode* node) {
-    if (node->link < 0) return node->data.count;
-    const KDTreeNode* children = reinterpret_cast<const KDTreeNode*>(
-        reinterpret_cast<const char*>(node) + (node->link & ~7));
-    return listedTriangles(children) + listedTriangles(children + 1);
-}
-
-}  // namespace
 
 // The context's depth, weight and clip box reach the PSAH builder: depth 0
 // keeps the root a leaf, a larger weight makes splits cheaper to accept, and
 // a clip box apart from the mesh leaves every triangle out.
 TEST_F(BuildEntry, PsahBuildFollowsTheContext) {
-    const int count = 300;
-    std::vector<float> mesh(9 * count);
-    std::vector<int> indices(4 * count);
-    unsigned seed = 5;
-    auto next = [&seed] { return float((seed = seed * 1103515245u + 12345u) >> 8) / 16777216.0f; };
-    for (int t = 0; t < count; ++t) {
-        const float centre[3] = {next(), next(), next()};
-        for (int j = 0; j < 9; ++j) mesh[9 * t + j] = centre[j % 3] + 0.02f * next();
-        for (int c = 0; c < 3; ++c) indices[4 * t + c] = 3 * t + c;
-    }
-    // 128 MiB covers the fixed need and the 16 MiB chunks any build takes.
-    auto build = [&](int depth, float weight, const float* clip, int* listed) {
+    const kelt::Mesh mesh = kelt::randomSoup(5, 300);
+    // Triangles listed in the tree's leaves, and its size.
+    auto build = [&](int depth, float weight, const float* clip, long long* listed) {
         KDTreeBuildContext context = {KDT_BUILD_PSAH, depth, weight, 128, clip};
         KDTreeNode* psah = nullptr;
         int bytes = 0;
-        EXPECT_EQ(kelrKDTreeBuildAlloc(&psah, mesh.data(), indices.data(), 3 * count, count, &bytes,
-                                       &context),
+        EXPECT_EQ(kelrKDTreeBuildAlloc(&psah, mesh.vertices.data(), mesh.triangles.data(),
+                                       mesh.vertexCount(), mesh.triangleCount(), &bytes, &context),
                   KEL_STS_OK);
-        *listed = psah ? listedTriangles(psah) : -1;
+        kelt::TreeSummary summary;
+        EXPECT_EQ("", kelt::checkTree(psah, bytes, mesh.triangleCount(), &summary));
+        *listed = summary.listed;
         kelrKDTreeFree(psah);
         return bytes;
     };
-    int listed = 0;
-    EXPECT_EQ(build(0, 1.0f, nullptr, &listed), 16 + 4 * count);
-    EXPECT_EQ(listed, count);
+    long long listed = 0;
+    EXPECT_EQ(build(0, 1.0f, nullptr, &listed), 16 + 4 * 300);
+    EXPECT_EQ(listed, 300);
     const int shallow = build(20, 0.0f, nullptr, &listed);
     EXPECT_GT(build(20, 1.0f, nullptr, &listed), shallow);
     const float apart[6] = {5, 5, 5, 6, 6, 6};
