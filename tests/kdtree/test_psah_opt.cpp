@@ -398,6 +398,19 @@ TEST_F(PsahOpt, StraddlingPatchIsCutIntoTwoPieces) {
     for (const float** r = state.freeRecords[3]; r; r = *nextFreeRecord(r))
         released |= r == cutRecord;
     EXPECT_TRUE(released);
+
+    // With its top corner on the plane the triangle needs one new point
+    // only, which fits where two did not; both pieces share the corner.
+    tris[0] = tri(0, 0, 0, 2, 0, 0, 1, 2, 0);
+    prepare(tris, {}, 2);
+    ASSERT_EQ(run(1.0f, 1), KEL_STS_OK);
+    ASSERT_EQ(root.kind, 0);
+    EXPECT_EQ(root.split, 1.0f);
+    EXPECT_EQ(state.vertexPool.cursor, state.vertexPool.base + 12);
+    int sharing = 0;  // both pieces and the released record
+    for (const float** r = state.freeRecords[3]; r; r = *nextFreeRecord(r))
+        sharing += r[2] == mesh[0].v[2];
+    EXPECT_EQ(sharing, 3);
 }
 
 TEST_F(PsahOpt, ExhaustedBudgetOrPatchPoolReportsOverflow) {
