@@ -271,21 +271,31 @@ AxisSplit unsearched(double cLeaf) {
     return AxisSplit{cLeaf, 0.0f, 0, 0, 1};
 }
 
+// The sweeps of small nodes, in single precision: without planar patches and
+// with them.
+void sweepSmallNode_NS(const float* minima, const float* maxima, int count, float lo, float hi,
+                       float e1, float e2, AxisSplit* out) {
+    sweepAxis<float, false>(minima, maxima, nullptr, count, 0, lo, hi, e1, e2, out);
+}
+void sweepSmallNode(const float* minima, const float* maxima, const float* planar, int count,
+                    int planarCount, float lo, float hi, float e1, float e2, AxisSplit* out) {
+    sweepAxis<float, true>(minima, maxima, planar, count, planarCount, lo, hi, e1, e2, out);
+}
+
 // One axis of a node: its events gathered into the four arrays, then the
 // sweep that fits them. Without planar patches nothing lies in any plane, and
 // the side they would take is reported as the right one.
-template <typename Real>
+template <auto kSweepWithoutPlanar, auto kSweepWithPlanar>
 void searchAxis(const PsahPatch* patches, int n, int axis, const float* box, float* const* arrays,
                 AxisSplit* out) {
     const AxisEvents ev = gatherEvents(patches, n, axis, arrays);
     const float e1 = extentOf(box, kOtherAxes[axis]), e2 = extentOf(box, kOtherAxes[axis + 1]);
     if (ev.planarCount == 0) {
-        sweepAxis<Real, false>(ev.minima, ev.maxima, nullptr, ev.count, 0, box[axis], box[axis + 3],
-                               e1, e2, out);
+        kSweepWithoutPlanar(ev.minima, ev.maxima, ev.count, box[axis], box[axis + 3], e1, e2, out);
         out->planarSide = 1;
     } else {
-        sweepAxis<Real, true>(ev.minima, ev.maxima, ev.planar, ev.count, ev.planarCount, box[axis],
-                              box[axis + 3], e1, e2, out);
+        kSweepWithPlanar(ev.minima, ev.maxima, ev.planar, ev.count, ev.planarCount, box[axis],
+                         box[axis + 3], e1, e2, out);
     }
 }
 
@@ -296,7 +306,8 @@ void searchSmallNode(const PsahPatch* patches, int n, const float* box, float* c
     for (int axis = 0; axis < 3; ++axis) {
         results[axis] = unsearched(d->cost);
         if (axisSearchable(box, axis))
-            searchAxis<float>(patches, n, axis, box, scratch, &results[axis]);
+            searchAxis<sweepSmallNode_NS, sweepSmallNode>(patches, n, axis, box, scratch,
+                                                          &results[axis]);
     }
     decideSplit(results, n, d->cost, k, d);
 }
@@ -306,11 +317,24 @@ void searchSmallNode(const PsahPatch* patches, int n, const float* box, float* c
 // ---------------------------------------------------------------------------
 // Wide nodes: one sweep per axis in double precision.
 
+// The sweeps of wide nodes, in double precision: without planar patches and
+// with them, where the side of the patches lying in the plane is chosen too.
+static void localLeftRightSearch_NS(const float* minima, const float* maxima, int count, float lo,
+                                    float hi, float e1, float e2, AxisSplit* out) {
+    sweepAxis<double, false>(minima, maxima, nullptr, count, 0, lo, hi, e1, e2, out);
+}
+static void localLeftRightSearch(const float* minima, const float* maxima, const float* planar,
+                                 int count, int planarCount, float lo, float hi, float e1, float e2,
+                                 AxisSplit* out) {
+    sweepAxis<double, true>(minima, maxima, planar, count, planarCount, lo, hi, e1, e2, out);
+}
+
 // Runs on its own thread: reads the patches and the box, writes only this
 // axis's four scratch arrays and its result.
 static void searchWideAxis(int axis, const PsahBuildNode* node, const float* box,
                            float* const* scratch, AxisSplit* out) {
-    searchAxis<double>(node->patches, node->count, axis, box, scratch + 4 * axis, out);
+    searchAxis<localLeftRightSearch_NS, localLeftRightSearch>(node->patches, node->count, axis, box,
+                                                              scratch + 4 * axis, out);
 }
 
 // The axes are compared only after the parallel region, so the choice does
