@@ -8,6 +8,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <initializer_list>
 #include <random>
 #include <vector>
@@ -23,8 +24,7 @@ inline uint32_t bits(float f) {
 }
 
 // An array that can move off its 16-byte boundary and back, keeping its values.
-class Movable {
-  public:
+struct Movable {
     virtual void placeAt(int misalign) = 0;
 
   protected:
@@ -34,11 +34,8 @@ class Movable {
 template <typename T>
 class Plane : public Movable {
   public:
-    explicit Plane(int count, int misalign = 0) : storage_(count + 8), count_(count) {
-        data_ = boundary() + misalign;
-    }
+    explicit Plane(int count) : storage_(count + 8), data_(boundary()), count_(count) {}
     Plane(const Plane&) = delete;
-    Plane& operator=(const Plane&) = delete;
 
     void placeAt(int misalign) override {
         T* to = boundary() + misalign;
@@ -49,12 +46,8 @@ class Plane : public Movable {
     T& operator[](int i) { return data_[i]; }
     int size() const { return count_; }
     std::vector<T> values() const { return std::vector<T>(data_, data_ + count_); }
-    void assign(const std::vector<T>& values) {
-        for (int i = 0; i < count_; ++i) data_[i] = values[i];
-    }
-    void fill(T value) {
-        for (int i = 0; i < count_; ++i) data_[i] = value;
-    }
+    void assign(const std::vector<T>& v) { std::copy(v.begin(), v.begin() + count_, data_); }
+    void fill(T value) { std::fill(data_, data_ + count_, value); }
 
   private:
     T* boundary() {
@@ -70,24 +63,23 @@ class Triple {
   public:
     explicit Triple(int count)
         : p_{Plane<float>(count), Plane<float>(count), Plane<float>(count)} {}
-    // The current plane pointers, after any plane has moved.
-    float* const* planes() {
-        for (int k = 0; k < 3; ++k) pointers_[k] = p_[k].data();
+    // The current plane pointers moved forward by `offset` rays, after any
+    // plane has moved.
+    float* const* planes(int offset = 0) {
+        for (int k = 0; k < 3; ++k) pointers_[k] = p_[k].data() + offset;
         return pointers_;
     }
     Plane<float>& operator[](int k) { return p_[k]; }
     float& at(int k, int i) { return p_[k][i]; }
     std::vector<float> values() const {
         std::vector<float> v;
-        for (const Plane<float>& p : p_) {
-            std::vector<float> plane = p.values();
-            v.insert(v.end(), plane.begin(), plane.end());
-        }
+        for (const Plane<float>& p : p_)
+            for (float x : p.values()) v.push_back(x);
         return v;
     }
-    void assign(const std::vector<float>& values) {
+    void assign(const std::vector<float>& v) {
         for (int k = 0; k < 3; ++k)
-            p_[k].assign(std::vector<float>(values.begin() + k * p_[k].size(), values.end()));
+            p_[k].assign(std::vector<float>(v.begin() + k * p_[k].size(), v.end()));
     }
     void fill(float value) {
         for (Plane<float>& p : p_) p.fill(value);
@@ -104,14 +96,13 @@ T* nullIf(bool aimed, T* p) {
     return aimed ? nullptr : p;
 }
 
-// Plane pointers moved forward by offset rays, for calling a primitive on a
-// part of a block.
-struct ShiftedTriple {
-    ShiftedTriple(float* const* planes, int offset) {
-        for (int k = 0; k < 3; ++k) p[k] = planes[k] + offset;
-    }
-    float* p[3];
-};
+// call(w) nulls its w-th pointer, for w < pointers; call(-1, count) passes
+// all of them with an empty count.
+template <typename Call>
+void expectNullChecksAndEmptyCounts(int pointers, Call call) {
+    for (int w = 0; w < pointers; ++w) EXPECT_EQ(call(w, 8), KEL_STS_NULL_PTR) << "pointer " << w;
+    for (int count : {0, -4, -3}) EXPECT_EQ(call(-1, count), KEL_STS_OK) << count;
+}
 
 class Random {
   public:
@@ -144,7 +135,7 @@ class Random {
 // rays: counts that are not multiples of four always take the scalar loops.
 template <typename Run>
 void inScalarPieces(int n, Run run) {
-    for (int i = 0; i < n; i += 3) run(i, n - i < 3 ? n - i : 3);
+    for (int i = 0; i < n; i += 3) ASSERT_EQ(run(i, n - i < 3 ? n - i : 3), KEL_STS_OK);
 }
 
 // One way of running a block: whole groups with every array aligned (the
@@ -168,7 +159,7 @@ void onEveryPath(int n, std::initializer_list<Movable*> arrays, Reset reset, Cal
         SCOPED_TRACE(path.pieces ? "in pieces" : "misaligned array " + std::to_string(trace));
         reset();
         if (path.pieces)
-            inScalarPieces(n, [&](int at, int count) { ASSERT_EQ(call(at, count), KEL_STS_OK); });
+            inScalarPieces(n, call);
         else
             ASSERT_EQ(call(0, n), KEL_STS_OK);
         check(path);

@@ -10,7 +10,6 @@
 using kelt::bits;
 using kelt::nullIf;
 using kelt::Plane;
-using kelt::ShiftedTriple;
 using kelt::Triple;
 
 namespace {
@@ -18,7 +17,11 @@ namespace {
 const int kRays = 128;
 
 // Per-ray inputs and outputs shared by the shading functions, with some NaN
-// rays; b and out are restored by reset().
+// rays; b and out are restored by reset(). check() runs a call on every
+// path, each of `arrays` misaligned in turn, then its null checks (w nulls
+// the w-th pointer; the unchecked constant pointers are null then too, so
+// the checks must come before any read) and empty counts, which must leave
+// b and out alone.
 struct ShadingBlock {
     ShadingBlock() : a(kRays), b(kRays), mask(kRays), factor(kRays), out(kRays) {
         kelt::Random random(51);
@@ -34,8 +37,16 @@ struct ShadingBlock {
         out.fill(7.0f);
     }
     float initial(int k, int i) const { return initialB[k * kRays + i]; }
-    float dot(int i) {
-        return (a.at(0, i) * b.at(0, i) + a.at(1, i) * b.at(1, i)) + a.at(2, i) * b.at(2, i);
+    template <typename Call, typename Check>
+    void check(std::initializer_list<kelt::Movable*> arrays, int pointers, Call call, Check each) {
+        kelt::onEveryPath(
+            kRays, arrays, [&] { reset(); }, [&](int at, int count) { return call(at, count, -1); },
+            each);
+        reset();
+        kelt::expectNullChecksAndEmptyCounts(pointers,
+                                             [&](int w, int count) { return call(0, count, w); });
+        for (float v : out.values()) ASSERT_EQ(v, 7.0f);
+        EXPECT_EQ(0, memcmp(b.values().data(), initialB.data(), 4 * initialB.size()));
     }
 
     Triple a, b;
@@ -46,15 +57,19 @@ struct ShadingBlock {
 
 TEST(Dot, SameBitsOnEveryPath) {
     ShadingBlock s;
-    kelt::onEveryPath(
-        kRays, {&s.a[0], &s.b[1], &s.mask, &s.out}, [&] { s.reset(); },
-        [&](int at, int count) {
-            ShiftedTriple a(s.a.planes(), at), b(s.b.planes(), at);
-            return kelrDot_32f_P3C1M(a.p, b.p, s.mask.data() + at, s.out.data() + at, count);
+    s.check(
+        {&s.a[0], &s.b[1], &s.mask, &s.out}, 4,
+        [&](int at, int count, int w) {
+            return kelrDot_32f_P3C1M(nullIf(w == 0, s.a.planes(at)), nullIf(w == 1, s.b.planes(at)),
+                                     nullIf(w == 2, s.mask.data() + at),
+                                     nullIf(w == 3, s.out.data() + at), count);
         },
         [&](kelt::Path) {
-            for (int i = 0; i < kRays; ++i)
-                ASSERT_EQ(bits(s.out[i]), bits(s.mask[i] < 0 ? 0.0f : s.dot(i))) << i;
+            for (int i = 0; i < kRays; ++i) {
+                const float dot = (s.a.at(0, i) * s.b.at(0, i) + s.a.at(1, i) * s.b.at(1, i)) +
+                                  s.a.at(2, i) * s.b.at(2, i);
+                ASSERT_EQ(bits(s.out[i]), bits(s.mask[i] < 0 ? 0.0f : dot)) << i;
+            }
         });
 }
 
@@ -62,11 +77,12 @@ TEST(Dot, SameBitsOnEveryPath) {
 // ones keep their bits.
 TEST(DotChangeNorm, NormalsTurnAgainstTheRay) {
     ShadingBlock s;
-    kelt::onEveryPath(
-        kRays, {&s.a[1], &s.mask, &s.b[2], &s.out}, [&] { s.reset(); },
-        [&](int at, int count) {
-            ShiftedTriple d(s.a.planes(), at), n(s.b.planes(), at);
-            return kelrDotChangeNorm_32f_IM(d.p, s.mask.data() + at, n.p, s.out.data() + at, count);
+    s.check(
+        {&s.a[1], &s.mask, &s.b[2], &s.out}, 4,
+        [&](int at, int count, int w) {
+            return kelrDotChangeNorm_32f_IM(
+                nullIf(w == 0, s.a.planes(at)), nullIf(w == 1, s.mask.data() + at),
+                nullIf(w == 2, s.b.planes(at)), nullIf(w == 3, s.out.data() + at), count);
         },
         [&](kelt::Path) {
             for (int i = 0; i < kRays; ++i) {
@@ -84,16 +100,15 @@ TEST(DotChangeNorm, NormalsTurnAgainstTheRay) {
 TEST(DistAttenuation, ClampedDistanceFromTheOrigin) {
     ShadingBlock s;
     const float origin[3] = {0.25f, -0.5f, 1.0f};
-    for (int i = 5; i < kRays; i += 5)  // a few points half a unit away
-        for (int k = 0; k < 3; ++k) s.a.at(k, i) = origin[k] + (k == 1 ? 0.5f : 0.0f);
-    for (int k = 0; k < 3; ++k) s.a.at(k, 0) = origin[k] + (k == 1 ? 3.0f : 0.0f);
+    for (int i = 0; i < kRays; i += 5)  // a few points half a unit away, one 3
+        for (int k = 0; k < 3; ++k) s.a.at(k, i) = origin[k] + (k != 1 ? 0.0f : i ? 0.5f : 3.0f);
     s.mask[0] = 0;
-    kelt::onEveryPath(
-        kRays, {&s.a[2], &s.mask, &s.out}, [&] { s.reset(); },
-        [&](int at, int count) {
-            ShiftedTriple p(s.a.planes(), at);
-            return kelrDistAttenuationSO_32f_M(origin, p.p, s.mask.data() + at, s.out.data() + at,
-                                               count);
+    s.check(
+        {&s.a[2], &s.mask, &s.out}, 3,
+        [&](int at, int count, int w) {
+            return kelrDistAttenuationSO_32f_M(
+                w >= 0 ? nullptr : origin, nullIf(w == 0, s.a.planes(at)),
+                nullIf(w == 1, s.mask.data() + at), nullIf(w == 2, s.out.data() + at), count);
         },
         [&](kelt::Path) {
             EXPECT_EQ(s.out[0], 3.0f);
@@ -109,18 +124,19 @@ TEST(DistAttenuation, ClampedDistanceFromTheOrigin) {
 
 TEST(MulC1P3, ScalesActiveRaysAndClearsTheRest) {
     ShadingBlock s;
-    kelt::onEveryPath(
-        kRays, {&s.factor, &s.mask, &s.b[0]}, [&] { s.reset(); },
-        [&](int at, int count) {
-            ShiftedTriple c(s.b.planes(), at);
-            return kelrMul_32f_C1P3IM(s.factor.data() + at, s.mask.data() + at, c.p, count);
+    s.check(
+        {&s.factor, &s.mask, &s.b[0]}, 3,
+        [&](int at, int count, int w) {
+            return kelrMul_32f_C1P3IM(nullIf(w == 0, s.factor.data() + at),
+                                      nullIf(w == 1, s.mask.data() + at),
+                                      nullIf(w == 2, s.b.planes(at)), count);
         },
         [&](kelt::Path) {
             for (int i = 0; i < kRays; ++i)
-                for (int k = 0; k < 3; ++k) {
-                    const float expected = s.mask[i] < 0 ? 0.0f : s.initial(k, i) * s.factor[i];
-                    ASSERT_EQ(bits(s.b.at(k, i)), bits(expected)) << i;
-                }
+                for (int k = 0; k < 3; ++k)
+                    ASSERT_EQ(bits(s.b.at(k, i)),
+                              bits(s.mask[i] < 0 ? 0.0f : s.initial(k, i) * s.factor[i]))
+                        << i;
         });
 }
 
@@ -158,12 +174,13 @@ TEST(AddMulMul, EachPathKeepsItsOwnOrderAndPrecision) {
     for (int i = 0; i < kRays; ++i)
         if (s.mask[i] < 0) s.initialB[kRays + i] = std::nanf("0x1234");
     int differing = 0;
-    kelt::onEveryPath(
-        kRays, {&s.factor, &s.mask, &s.b[1], &s.a[0]}, [&] { s.reset(); },
-        [&](int at, int count) {
-            ShiftedTriple src(s.a.planes(), at), acc(s.b.planes(), at);
-            return kelrAddMulMul_32f_AC1P3IM(coefficient, s.factor.data() + at, src.p,
-                                             s.mask.data() + at, acc.p, count);
+    s.check(
+        {&s.factor, &s.mask, &s.b[1], &s.a[0]}, 4,
+        [&](int at, int count, int w) {
+            return kelrAddMulMul_32f_AC1P3IM(
+                w >= 0 ? nullptr : coefficient, nullIf(w == 0, s.factor.data() + at),
+                nullIf(w == 1, s.a.planes(at)), nullIf(w == 2, s.mask.data() + at),
+                nullIf(w == 3, s.b.planes(at)), count);
         },
         [&](kelt::Path path) {
             const bool worker = path.worker() || path.moved == &s.a[0];
@@ -179,44 +196,6 @@ TEST(AddMulMul, EachPathKeepsItsOwnOrderAndPrecision) {
                 }
         });
     EXPECT_GT(differing, 0);
-}
-
-TEST(Shading, NullPointersAndEmptyCounts) {
-    ShadingBlock s;
-    s.reset();
-    float* const* a = s.a.planes();
-    float* const* b = s.b.planes();
-    const int* m = s.mask.data();
-    float* o = s.out.data();
-    const float* f = s.factor.data();
-    const float origin[3] = {0, 0, 0};
-    for (int w = 0; w < 4; ++w) {
-        SCOPED_TRACE(w);
-        EXPECT_EQ(kelrDot_32f_P3C1M(nullIf(w == 0, a), nullIf(w == 1, b), nullIf(w == 2, m),
-                                    nullIf(w == 3, o), 8),
-                  KEL_STS_NULL_PTR);
-        EXPECT_EQ(kelrDotChangeNorm_32f_IM(nullIf(w == 0, a), nullIf(w == 1, m), nullIf(w == 2, b),
-                                           nullIf(w == 3, o), 8),
-                  KEL_STS_NULL_PTR);
-        EXPECT_EQ(kelrAddMulMul_32f_AC1P3IM(nullptr, nullIf(w == 0, f), nullIf(w == 1, a),
-                                            nullIf(w == 2, m), nullIf(w == 3, b), 8),
-                  KEL_STS_NULL_PTR);
-        if (w == 3) continue;
-        EXPECT_EQ(kelrDistAttenuationSO_32f_M(nullptr, nullIf(w == 0, a), nullIf(w == 1, m),
-                                              nullIf(w == 2, o), 8),
-                  KEL_STS_NULL_PTR);
-        EXPECT_EQ(kelrMul_32f_C1P3IM(nullIf(w == 0, f), nullIf(w == 1, m), nullIf(w == 2, b), 8),
-                  KEL_STS_NULL_PTR);
-    }
-    for (int count : {0, -4, -7}) {
-        EXPECT_EQ(kelrDot_32f_P3C1M(a, b, m, o, count), KEL_STS_OK);
-        EXPECT_EQ(kelrDotChangeNorm_32f_IM(a, m, b, o, count), KEL_STS_OK);
-        EXPECT_EQ(kelrDistAttenuationSO_32f_M(origin, a, m, o, count), KEL_STS_OK);
-        EXPECT_EQ(kelrMul_32f_C1P3IM(f, m, b, count), KEL_STS_OK);
-        EXPECT_EQ(kelrAddMulMul_32f_AC1P3IM(origin, f, a, m, b, count), KEL_STS_OK);
-    }
-    for (float v : s.out.values()) ASSERT_EQ(v, 7.0f);
-    EXPECT_EQ(s.b.values(), s.initialB);
 }
 
 }  // namespace

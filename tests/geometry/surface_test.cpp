@@ -11,18 +11,15 @@
 using kelt::bits;
 using kelt::nullIf;
 using kelt::Plane;
-using kelt::ShiftedTriple;
 using kelt::Triple;
 
 namespace {
 
-// ---- Hit points ------------------------------------------------------------
-
-// The scalar loop: one rounding, from extended precision.
+// The scalar loop: one rounding, from extended precision. The worker:
+// single precision, distance before scale.
 float hitScalar(float d, float t, float scale, float o) {
     return float(((long double)d * scale) * t + o);
 }
-// The worker: single precision, distance before scale.
 float hitWorker(float d, float t, float scale, float o) {
     return (d * t) * scale + o;
 }
@@ -41,17 +38,20 @@ TEST(HitPoint, EachPathKeepsItsOwnRounding) {
         if (mask[i] < 0) distance[i] = NAN;  // no hit: must not matter
     const float single[3] = {1.5f, -2.25f, 0.125f}, scale = 0.999f;
     for (bool perRay : {true, false}) {
+        auto call = [&](int at, int count, int w = -1) {
+            const float* t = nullIf(w == 0, distance.data() + at);
+            const int* m = nullIf(w == 1, mask.data() + at);
+            float* const* d = nullIf(w == 2, direction.planes(at));
+            float* const* h = nullIf(w == 3, hit.planes(at));
+            return perRay ? kelrHitPoint3DEpsM0_32f_M(nullIf(w == 4, origin.planes(at)), d, t, m, h,
+                                                      count, scale)
+                          : kelrHitPoint3DEpsS0_32f_M(w >= 0 ? nullptr : single, d, t, m, h, count,
+                                                      scale);
+        };
         int differing = 0;
         kelt::onEveryPath(
             n, {&distance, &mask, &direction[1], &hit[2], &origin[0]}, [&] { hit.fill(9.0f); },
-            [&](int at, int count) {
-                ShiftedTriple o(origin.planes(), at), d(direction.planes(), at),
-                    h(hit.planes(), at);
-                return perRay ? kelrHitPoint3DEpsM0_32f_M(o.p, d.p, distance.data() + at,
-                                                          mask.data() + at, h.p, count, scale)
-                              : kelrHitPoint3DEpsS0_32f_M(single, d.p, distance.data() + at,
-                                                          mask.data() + at, h.p, count, scale);
-            },
+            [&](int at, int count) { return call(at, count); },
             [&](kelt::Path path) {
                 // The single-origin form does not look at the origin planes.
                 const bool worker = path.worker() || (!perRay && path.moved == &origin[0]);
@@ -67,39 +67,13 @@ TEST(HitPoint, EachPathKeepsItsOwnRounding) {
                     }
             });
         EXPECT_GT(differing, 0);  // the scalar loop did run
+        hit.fill(9.0f);
+        // The single origin is not checked, but must not be read first.
+        kelt::expectNullChecksAndEmptyCounts(perRay ? 5 : 4,
+                                             [&](int w, int count) { return call(0, count, w); });
+        for (float v : hit.values()) EXPECT_EQ(v, 9.0f);
     }
 }
-
-TEST(HitPoint, NullsAndEmptyCounts) {
-    Triple origin(8), direction(8), hit(8);
-    Plane<float> distance(8);
-    Plane<int> mask(8);
-    const float single[3] = {1, 2, 3};
-    hit.fill(9.0f);
-    float* const* o = origin.planes();
-    float* const* d = direction.planes();
-    float* const* h = hit.planes();
-    const float* t = distance.data();
-    const int* m = mask.data();
-    for (int w = 0; w < 5; ++w) {
-        const float* const* dw = nullIf(w == 2, d);
-        float* const* hw = nullIf(w == 3, h);
-        EXPECT_EQ(kelrHitPoint3DEpsM0_32f_M(nullIf(w == 4, o), dw, nullIf(w == 0, t),
-                                            nullIf(w == 1, m), hw, 8, 1.0f),
-                  KEL_STS_NULL_PTR);
-        if (w < 4)
-            EXPECT_EQ(kelrHitPoint3DEpsS0_32f_M(nullptr, dw, nullIf(w == 0, t), nullIf(w == 1, m),
-                                                hw, 8, 1.0f),
-                      KEL_STS_NULL_PTR);
-    }
-    for (int count : {0, -4, -5}) {
-        EXPECT_EQ(kelrHitPoint3DEpsM0_32f_M(o, d, t, m, h, count, 1.0f), KEL_STS_OK);
-        EXPECT_EQ(kelrHitPoint3DEpsS0_32f_M(single, d, t, m, h, count, 1.0f), KEL_STS_OK);
-    }
-    for (float v : hit.values()) EXPECT_EQ(v, 9.0f);
-}
-
-// ---- Surface normals -------------------------------------------------------
 
 // A mesh with random per-triangle and per-vertex normals, and hit records for
 // a block of rays, with groups on one triangle and groups that hit nothing.
@@ -111,15 +85,15 @@ struct NormalBlock {
           u(n),
           v(n),
           normal(n),
-          triangleNormals(3 * kTriangles),
-          vertexNormals(3 * kVertices),
-          indices(stride * kTriangles) {
+          triangleNormals(120),
+          vertexNormals(90),
+          indices(stride * 40) {
         kelt::Random random(41);
         random.fill(triangleNormals, -1.0f, 1.0f);
         random.fill(vertexNormals, -1.0f, 1.0f);
-        for (int i = 0; i < indices.size(); ++i) indices[i] = random.integer(0, kVertices - 1);
+        for (int i = 0; i < indices.size(); ++i) indices[i] = random.integer(0, 29);
         for (int i = 0; i < n; ++i) {
-            hitTriangle[i] = random.integer(0, 3) == 0 ? -1 : random.integer(0, kTriangles - 1);
+            hitTriangle[i] = random.integer(0, 3) == 0 ? -1 : random.integer(0, 39);
             const float a = random.uniform(0, 1), b = random.uniform(0, 1);
             u[i] = std::fmin(a, b);
             v[i] = std::fmax(a, b) - u[i];
@@ -130,27 +104,27 @@ struct NormalBlock {
             for (int l = 0; l < 4 && kind == 2; ++l) hitTriangle[g + l] = -1 - l;
         }
     }
-    KelStatus flat(int at, int count) {
-        ShiftedTriple out(normal.planes(), at);
-        return kelrSurfFlatNormal_32f(triangleNormals.data(), hitTriangle.data() + at, out.p,
+    KelStatus flat(int at, int count, int w = -1) {
+        return kelrSurfFlatNormal_32f(nullIf(w == 0, triangleNormals.data()),
+                                      nullIf(w == 1, hitTriangle.data() + at), normal.planes(at),
                                       count);
     }
-    KelStatus smooth(int at, int count) {
-        ShiftedTriple out(normal.planes(), at);
+    KelStatus smooth(int at, int count, int w = -1) {
         const float* uv[2] = {u.data() + at, v.data() + at};
-        return kelrSurfSmoothNormal_32f(vertexNormals.data(), indices.data(),
-                                        hitTriangle.data() + at, uv, out.p, count, stride);
+        return kelrSurfSmoothNormal_32f(nullIf(w == 0, vertexNormals.data()),
+                                        nullIf(w == 1, indices.data()),
+                                        nullIf(w == 2, hitTriangle.data() + at), nullIf(w == 3, uv),
+                                        nullIf(w == 4, normal.planes(at)), count, stride);
     }
-    // The interpolated normal of ray i: u weighs vertex 0, v vertex 1.
+    // The interpolated normal of ray i (u weighs vertex 0, v vertex 1), or 0.
     void interpolate(int i, float n3[3]) {
         const int* tri = indices.data() + hitTriangle[i] * stride;
         const float w = (1.0f - u[i]) - v[i];
-        for (int k = 0; k < 3; ++k)
+        for (int k = 0; k < 3 && hitTriangle[i] >= 0; ++k)
             n3[k] = (vertexNormals[3 * tri[0] + k] * u[i] + vertexNormals[3 * tri[1] + k] * v[i]) +
                     vertexNormals[3 * tri[2] + k] * w;
     }
 
-    static constexpr int kTriangles = 40, kVertices = 30;
     int n, stride;
     Plane<int> hitTriangle;
     Plane<float> u, v;
@@ -168,27 +142,25 @@ TEST(SurfFlatNormal, CopiesTheTriangleNormalOnEveryPath) {
             for (int i = 0; i < b.n; ++i)
                 for (int k = 0; k < 3; ++k) {
                     const int h = b.hitTriangle[i];
-                    const float expected = h < 0 ? 0.0f : b.triangleNormals[3 * h + k];
-                    ASSERT_EQ(bits(b.normal.at(k, i)), bits(expected)) << i;
+                    ASSERT_EQ(bits(b.normal.at(k, i)),
+                              bits(h < 0 ? 0.0f : b.triangleNormals[3 * h + k]))
+                        << i;
                 }
         });
-    const float* tn = b.triangleNormals.data();
-    const int* hit = b.hitTriangle.data();
-    EXPECT_EQ(kelrSurfFlatNormal_32f(nullptr, hit, b.normal.planes(), 4), KEL_STS_NULL_PTR);
-    EXPECT_EQ(kelrSurfFlatNormal_32f(tn, nullptr, b.normal.planes(), 4), KEL_STS_NULL_PTR);
+    EXPECT_EQ(b.flat(0, 4, 0), KEL_STS_NULL_PTR);
+    EXPECT_EQ(b.flat(0, 4, 1), KEL_STS_NULL_PTR);
     // The output triple is not tested.
-    EXPECT_EQ(kelrSurfFlatNormal_32f(tn, hit, nullptr, 0), KEL_STS_OK);
+    EXPECT_EQ(kelrSurfFlatNormal_32f(b.triangleNormals.data(), b.hitTriangle.data(), nullptr, 0),
+              KEL_STS_OK);
 }
 
 // The scalar loop: s summed z first, square root and three divisions, no
-// normal below 2^-23.
+// normal below 2^-23. The worker: s summed x first, 2^-23 in place of zero,
+// the processor's reciprocal-square-root estimate and one Newton step.
 float smoothScalar(const float n[3], int k) {
     const float s = (n[2] * n[2] + n[1] * n[1]) + n[0] * n[0];
     return s >= 0x1p-23f ? n[k] / std::sqrt(s) : 0.0f;
 }
-
-// The worker: s summed x first, 2^-23 in place of zero, the processor's
-// reciprocal-square-root estimate and one Newton step.
 float smoothWorker(const float n[3], int k) {
     float s = (n[0] * n[0] + n[1] * n[1]) + n[2] * n[2];
     if (s == 0.0f) s = 0x1p-23f;
@@ -206,7 +178,7 @@ TEST(SurfSmoothNormal, EachPathKeepsItsOwnNormalisation) {
             [&](kelt::Path path) {
                 for (int i = 0; i < b.n; ++i) {
                     float n[3] = {0, 0, 0};
-                    if (b.hitTriangle[i] >= 0) b.interpolate(i, n);
+                    b.interpolate(i, n);
                     for (int k = 0; k < 3; ++k) {
                         const float expected = b.hitTriangle[i] < 0 ? 0.0f
                                                : path.worker()      ? smoothWorker(n, k)
@@ -218,6 +190,11 @@ TEST(SurfSmoothNormal, EachPathKeepsItsOwnNormalisation) {
             });
         EXPECT_GT(differing, 0);
     }
+    NormalBlock b(8, 3);
+    b.normal.fill(9.0f);
+    kelt::expectNullChecksAndEmptyCounts(5,
+                                         [&](int w, int count) { return b.smooth(0, count, w); });
+    for (float v : b.normal.values()) EXPECT_EQ(v, 9.0f);
 }
 
 // One triangle whose vertex normals 0 and 1 cancel: rays 0 and 1 get
@@ -235,31 +212,13 @@ TEST(SurfSmoothNormal, ShortNormalsDependOnThePath) {
         if (worker)
             ASSERT_EQ(b.smooth(0, 4), KEL_STS_OK);
         else
-            kelt::inScalarPieces(4, [&](int at, int count) { ASSERT_EQ(b.smooth(at, count), 0); });
+            kelt::inScalarPieces(4, [&](int at, int count) { return b.smooth(at, count); });
         for (int k = 0; k < 3; ++k) EXPECT_EQ(bits(b.normal.at(k, 0)), 0u);
         // Below 2^-23 only the worker still normalises; from it on both do.
         EXPECT_EQ(b.normal.at(0, 1) > 0.5f, worker);
         EXPECT_NEAR(b.normal.at(0, 2), std::sqrt(0.5f), 1e-6f);
         EXPECT_NEAR(b.normal.at(2, 3), 0.8f, 1e-6f);  // u = 1: vertex normal 0
     }
-}
-
-TEST(SurfSmoothNormal, NullsAndEmptyCounts) {
-    NormalBlock b(4, 3);
-    b.normal.fill(9.0f);
-    const float* uv[2] = {b.u.data(), b.v.data()};
-    float* const* out = b.normal.planes();
-    const float* vn = b.vertexNormals.data();
-    const int* idx = b.indices.data();
-    const int* hit = b.hitTriangle.data();
-    for (int w = 0; w < 5; ++w)
-        EXPECT_EQ(
-            kelrSurfSmoothNormal_32f(nullIf(w == 0, vn), nullIf(w == 1, idx), nullIf(w == 2, hit),
-                                     nullIf(w == 3, uv), nullIf(w == 4, out), 4, 3),
-            KEL_STS_NULL_PTR);
-    for (int count : {0, -4, -1})
-        EXPECT_EQ(kelrSurfSmoothNormal_32f(vn, idx, hit, uv, out, count, 3), KEL_STS_OK);
-    for (float v : b.normal.values()) EXPECT_EQ(v, 9.0f);
 }
 
 }  // namespace
