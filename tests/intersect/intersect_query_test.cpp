@@ -47,14 +47,13 @@ struct SceneTrees {
     }
     void addBuilt(const char* name, uint32_t algorithm) {
         const KDTreeBuildContext context{algorithm, 30, 0.5f, 256, nullptr};
-        KDTreeNode* tree = nullptr;
         int size = 0;
+        built.push_back(nullptr);
         ASSERT_EQ(KEL_STS_OK, kelrKDTreeBuildAlloc(
-                                  &tree, scene.vertices.data(), scene.triangles.data(),
+                                  &built.back(), scene.vertices.data(), scene.triangles.data(),
                                   int(scene.vertices.size() / 3), scene.count(), &size, &context))
             << name;
-        built.push_back(tree);
-        trees.push_back({name, tree});
+        trees.push_back({name, built.back()});
     }
     void build(bool small) {
         scene.finish();
@@ -90,20 +89,14 @@ void addRandomSoup(uint32_t seed, TestScene* s) {
         if (t % 50 == 0) s->addTriangle(p[0], p[1], p[2]);
         if (t % 60 == 0) s->addTriangle(p[0], p[0], p[2]);
     }
-    auto at = [](int i, int j, float out[3]) {
-        out[0] = 0.2f + 0.1f * i;
-        out[1] = 0.2f + 0.1f * j;
-        out[2] = 0.3f + 0.05f * i + 0.02f * j;
-    };
-    for (int j = 0; j < 6; ++j)
-        for (int i = 0; i < 6; ++i) {
-            float a[3], b[3], c[3], d[3];
-            at(i, j, a);
-            at(i + 1, j, b);
-            at(i + 1, j + 1, c);
-            at(i, j + 1, d);
-            s->addTriangle(a, b, c);
-            s->addTriangle(a, c, d);
+    float p[7][7][3];
+    for (int j = 0; j < 7; ++j)
+        for (int i = 0; i < 7; ++i) {
+            const float at[3] = {0.2f + 0.1f * i, 0.2f + 0.1f * j, 0.3f + 0.05f * i + 0.02f * j};
+            std::copy(at, at + 3, p[i][j]);
+            if (i == 0 || j == 0) continue;
+            s->addTriangle(p[i - 1][j - 1], p[i][j - 1], p[i][j]);
+            s->addTriangle(p[i - 1][j - 1], p[i][j], p[i - 1][j]);
         }
 }
 
@@ -159,28 +152,6 @@ struct EyeRays {
     }
 };
 
-// Outputs of a nearest-hit query, starting from the rays' entry distances.
-struct Nearest {
-    explicit Nearest(const Plane<float>& entry)
-        : distance(kRays), u(kRays, kUnset), v(kRays, kUnset), id(kRays, 99) {
-        std::memcpy(distance.data(), &entry[0], 4 * kRays);
-    }
-    Plane<float> distance, u, v;
-    Plane<int> id;
-    float* hit[2] = {u.data(), v.data()};
-};
-
-// The four-ray path must give the same bits as the scalar worker.
-void expectSameBits(const Nearest& scalar, const Nearest& packet) {
-    for (int i = 0; i < kRays; ++i) {
-        ASSERT_EQ(packet.id[i], scalar.id[i]) << "ray " << i;
-        ASSERT_TRUE(oracle::sameBits(packet.distance[i], scalar.distance[i]) &&
-                    oracle::sameBits(packet.u[i], scalar.u[i]) &&
-                    oracle::sameBits(packet.v[i], scalar.v[i]))
-            << "ray " << i;
-    }
-}
-
 // One placement of the eye: rays for the three queries and the oracle's
 // answers, which do not depend on the tree. Rays with own origins start
 // just before the eye rays' hits (mirrored on y, or random, with assorted
@@ -200,8 +171,8 @@ struct Workload {
         std::uniform_real_distribution<float> any(-1.0f, 1.0f);
         for (int a = 0; a < 3; ++a) light[a] = s.box[a + 3] + 0.3f * (s.box[a + 3] - s.box[a]);
         for (int i = 0; i < kRays; ++i) {
-            float p[3], d[3], l[3];
-            const float r[3] = {eye.dir.x[i], eye.dir.y[i], eye.dir.z[i]};
+            float p[3], d[3], l[3], r[3];
+            eye.dir.get(i, r);
             eyeWant.push_back(oracle::nearest(Query::Eye, s.accel.data(), s.count(), eye.eye, r,
                                               eye.distance[i]));
             const bool hit = eyeWant[i].id >= 0;
@@ -210,10 +181,10 @@ struct Workload {
                 l[a] = p[a] - light[a];
                 d[a] = i % 5 == 0 ? any(rng) : (a == 1 ? -r[a] : r[a]);
             }
+            if (i % 61 == 0) l[2] = std::nanf("");
             origin.set(i, p);
             second.set(i, d);
             toPoint.set(i, l);
-            if (i % 61 == 0) toPoint.z[i] = std::nanf("");
             entry[i] = i % 97 == 0   ? 1e-6f
                        : i % 89 == 0 ? 2e-6f
                        : i % 7 == 0  ? 0.3f
@@ -224,69 +195,64 @@ struct Workload {
                                   ? oracle::nearest(Query::MultipleOrigin, s.accel.data(),
                                                     s.count(), p, d, entry[i])
                                   : oracle::Hit{});
-            toPoint.get(i, l);
             occluded.push_back(mask[i] >= 0 &&
                                oracle::anyOccluder(s.accel.data(), s.count(), light, l) >= 0);
         }
     }
 };
 
-// A nearest-hit worker's results against the oracle, ray by ray, up to
-// ties; a ray that hits nothing keeps its distance and hit coordinates.
-void expectOracle(Query q, const TestScene& s, const Planes3& origins, bool shared,
-                  const Planes3& dir, const Plane<float>& entry,
-                  const std::vector<oracle::Hit>& want, const Nearest& got) {
-    int hits = 0, ties = 0;
-    for (int i = 0; i < kRays; ++i) {
-        float o[3], r[3];
-        origins.get(shared ? 0 : i, o);
-        dir.get(i, r);
-        if (want[i].id < 0) {
-            EXPECT_EQ(-1, got.id[i]) << "ray " << i;
-            EXPECT_TRUE(oracle::sameBits(got.distance[i], entry[i]) && got.u[i] == kUnset &&
-                        got.v[i] == kUnset)
-                << "ray " << i;
-            continue;
-        }
-        ++hits;
-        bool tie = false;
-        EXPECT_TRUE(oracle::agreesWithNearest(q, s.accel.data(), o, r, entry[i], want[i], got.id[i],
-                                              got.distance[i], got.u[i], got.v[i], &tie))
-            << "ray " << i << ": oracle " << want[i].id << " at " << want[i].t << ", got "
-            << got.id[i] << " at " << got.distance[i];
-        ties += tie;
-    }
-    EXPECT_GT(hits, kRays / 20);
-    EXPECT_LE(ties, kRays / 50);
-}
-
-// A nearest-hit query through the scalar worker and the entry point.
+// A nearest-hit query through the scalar worker and the entry point (the
+// four-ray path for these blocks), which must give the same bits. The
+// scalar results must agree with the oracle ray by ray, up to ties; a ray
+// that hits nothing keeps its distance and hit coordinates.
 void checkNearest(Query q, const TestScene& s, const KDTreeNode* tree, const Workload& w) {
     const bool eyeRays = q == Query::Eye;
     SCOPED_TRACE(eyeRays ? "eye rays" : "rays with own origins");
     const IntersectContext context = s.context(tree);
     const Planes3& dir = eyeRays ? w.eye.dir : w.second;
     const Plane<float>& entry = eyeRays ? w.eye.distance : w.entry;
-    Nearest scalar(entry), packet(entry);
+    const std::vector<oracle::Hit>& want = eyeRays ? w.eyeWant : w.ownWant;
+    Planes3 dist(kRays), uv(kRays, kUnset), packetUv(kRays, kUnset);
+    Plane<int> id(kRays, 99), packetId(kRays, 99);
+    for (int i = 0; i < kRays; ++i) dist.x[i] = dist.y[i] = entry[i];
+    float* hit[2] = {uv.x.data(), uv.y.data()};
+    float* packetHit[2] = {packetUv.x.data(), packetUv.y.data()};
     if (eyeRays) {
         ASSERT_EQ(KEL_STS_OK, ownIntersectEyeBlock(w.eye.eye, dir.p, s.box, s.accel.data(), tree,
-                                                   scalar.distance.data(), scalar.hit,
-                                                   scalar.id.data(), kW, kH));
-        ASSERT_EQ(KEL_STS_OK,
-                  kelrIntersectEyeSO_32f(w.eye.eye, dir.p, packet.distance.data(), packet.hit,
-                                         packet.id.data(), &context, kW, kH));
+                                                   dist.x.data(), hit, id.data(), kW, kH));
+        ASSERT_EQ(KEL_STS_OK, kelrIntersectEyeSO_32f(w.eye.eye, dir.p, dist.y.data(), packetHit,
+                                                     packetId.data(), &context, kW, kH));
     } else {
-        ASSERT_EQ(KEL_STS_OK,
-                  ownIntersectBlock(w.origin.p, dir.p, s.box, s.accel.data(), tree,
-                                    scalar.distance.data(), scalar.hit, scalar.id.data(), kW, kH));
-        ASSERT_EQ(KEL_STS_OK, kelrIntersectMO_32f(w.origin.p, dir.p, packet.distance.data(),
-                                                  packet.hit, packet.id.data(), &context, kW, kH));
+        ASSERT_EQ(KEL_STS_OK, ownIntersectBlock(w.origin.p, dir.p, s.box, s.accel.data(), tree,
+                                                dist.x.data(), hit, id.data(), kW, kH));
+        ASSERT_EQ(KEL_STS_OK, kelrIntersectMO_32f(w.origin.p, dir.p, dist.y.data(), packetHit,
+                                                  packetId.data(), &context, kW, kH));
     }
-    expectSameBits(scalar, packet);
-    Planes3 eye(1);
-    eye.set(0, w.eye.eye);
-    expectOracle(q, s, eyeRays ? eye : w.origin, eyeRays, dir, entry,
-                 eyeRays ? w.eyeWant : w.ownWant, scalar);
+    int hits = 0, ties = 0;
+    for (int i = 0; i < kRays; ++i) {
+        ASSERT_TRUE(packetId[i] == id[i] && oracle::sameBits(dist.y[i], dist.x[i]) &&
+                    oracle::sameBits(packetUv.x[i], uv.x[i]) &&
+                    oracle::sameBits(packetUv.y[i], uv.y[i]))
+            << "ray " << i << ": four-ray path " << packetId[i] << ", scalar " << id[i];
+        float o[3], r[3];
+        eyeRays ? (void)std::copy(w.eye.eye, w.eye.eye + 3, o) : w.origin.get(i, o);
+        dir.get(i, r);
+        if (want[i].id < 0) {
+            EXPECT_TRUE(id[i] == -1 && oracle::sameBits(dist.x[i], entry[i]) && uv.x[i] == kUnset &&
+                        uv.y[i] == kUnset)
+                << "ray " << i << " missed, got " << id[i];
+            continue;
+        }
+        ++hits;
+        bool tie = false;
+        EXPECT_TRUE(oracle::agreesWithNearest(q, s.accel.data(), o, r, entry[i], want[i], id[i],
+                                              dist.x[i], uv.x[i], uv.y[i], &tie))
+            << "ray " << i << ": oracle " << want[i].id << " at " << want[i].t << ", got " << id[i]
+            << " at " << dist.x[i];
+        ties += tie;
+    }
+    EXPECT_GT(hits, kRays / 20);
+    EXPECT_LE(ties, kRays / 50);
 }
 
 // Both paths mark exactly the rays that the oracle finds occluded, leave
@@ -308,15 +274,13 @@ void checkShadow(const TestScene& s, const KDTreeNode* tree, const Workload& w) 
         w.toPoint.get(i, r);
         const bool want = w.occluded[i];
         occluded += want;
-        for (const Plane<int>* id : {&scalarId, &packetId}) {
-            const int n = (*id)[i];
+        for (int n : {scalarId[i], packetId[i]})
             EXPECT_TRUE(want ? n >= 0 && n < s.count() &&
                                    oracle::occludes(s.accel.data(), n, w.light, r)
                              : n == -1)
                 << "ray " << i << " names " << n;
-        }
-        EXPECT_EQ(want ? -1 : w.mask[i], scalarMask[i]) << "ray " << i;
-        EXPECT_EQ(want ? -1 : w.mask[i], packetMask[i]) << "ray " << i;
+        EXPECT_TRUE(scalarMask[i] == (want ? -1 : w.mask[i]) && packetMask[i] == scalarMask[i])
+            << "ray " << i;
     }
     EXPECT_GT(occluded, 0);
     EXPECT_LT(occluded, kRays);

@@ -66,8 +66,7 @@ bool testRecord(const TriangleAccel& rec, const float o[3], const float r[3], Re
         positive += x > 0;
         negative += x < 0;
     }
-    if (positive + negative == 0) return false;
-    if (positive + negative > 1 && positive > 0 && negative > 0) return false;
+    if (positive + negative == 0 || (positive > 0 && negative > 0)) return false;
     if (!(t > 0 && t < tMax)) return false;
     hit->t = float(t);
     hit->u = float(w[0] / denom);
@@ -81,22 +80,12 @@ bool testRecord(const TriangleAccel& rec, const float o[3], const float r[3], Re
 // current distance (ignored by the any-hit query). On a hit, fills t, u, v.
 inline bool testTriangle(Query q, const TriangleAccel& rec, const float o[3], const float r[3],
                          float distance, Hit* hit) {
-    switch (q) {
-        case Query::Eye: {
-            const detail::Limits<long double> lim{0x1p-23L, 0x1p-23L};
-            return detail::testRecord<long double>(rec, o, r, (long double)distance - 0x1p-23L, lim,
-                                                   hit);
-        }
-        case Query::MultipleOrigin: {
-            const detail::Limits<float> lim{1.1920929e-6f, 1e-5f};
-            return detail::testRecord<float>(rec, o, r, distance - 1e-5f, lim, hit);
-        }
-        case Query::Any:
-        default: {
-            const detail::Limits<float> lim{0.0f, 0x1p-23f};
-            return detail::testRecord<float>(rec, o, r, 1.0f, lim, hit);
-        }
-    }
+    if (q == Query::Eye)
+        return detail::testRecord<long double>(rec, o, r, (long double)distance - 0x1p-23L,
+                                               {0x1p-23L, 0x1p-23L}, hit);
+    if (q == Query::MultipleOrigin)
+        return detail::testRecord<float>(rec, o, r, distance - 1e-5f, {1.1920929e-6f, 1e-5f}, hit);
+    return detail::testRecord<float>(rec, o, r, 1.0f, {0.0f, 0x1p-23f}, hit);
 }
 
 // Nearest hit over all triangles, tested in index order, each accepted one
@@ -145,8 +134,9 @@ inline bool agreesWithNearest(Query q, const TriangleAccel* accel, const float o
                (sameBits(t, expected.t) && sameBits(u, expected.u) && sameBits(v, expected.v));
     if (id < 0 || expected.id < 0) return false;
     Hit h;
-    if (!testTriangle(q, accel[id], o, r, entryDistance, &h)) return false;
-    if (!sameBits(h.t, t) || !sameBits(h.u, u) || !sameBits(h.v, v)) return false;
+    if (!testTriangle(q, accel[id], o, r, entryDistance, &h) || !sameBits(h.t, t) ||
+        !sameBits(h.u, u) || !sameBits(h.v, v))
+        return false;
     // float rounding of both distances may add an ulp each
     const double slack = margin(q) + 2.0 * std::ldexp(std::fabs(double(t)), -23);
     *tie = std::fabs(double(t) - double(expected.t)) <= slack;

@@ -3,6 +3,7 @@
 #ifndef KEL_TEST_INTERSECT_SCENE_H
 #define KEL_TEST_INTERSECT_SCENE_H
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -30,14 +31,10 @@ struct TestScene {
     void finish() {
         accel.assign(size_t(count()), TriangleAccel{});
         kelrTriangleAccelInit(accel.data(), vertices.data(), triangles.data(), count());
-        for (int a = 0; a < 3; ++a) {
-            box[a] = 3.4e38f;
-            box[a + 3] = -3.4e38f;
-        }
+        for (int a = 0; a < 3; ++a) box[a] = 3.4e38f, box[a + 3] = -3.4e38f;
         for (size_t i = 0; i < vertices.size(); ++i) {
-            const int a = int(i % 3);
-            if (vertices[i] < box[a]) box[a] = vertices[i];
-            if (vertices[i] > box[a + 3]) box[a + 3] = vertices[i];
+            box[i % 3] = std::min(box[i % 3], vertices[i]);
+            box[i % 3 + 3] = std::max(box[i % 3 + 3], vertices[i]);
         }
     }
 
@@ -70,16 +67,8 @@ struct Planes3 {
     explicit Planes3(int n, float fill = 0.0f) : x(n, fill), y(n, fill), z(n, fill) {}
     Plane<float> x, y, z;
     float* p[3] = {x.data(), y.data(), z.data()};
-    void set(int i, const float v[3]) {
-        x[i] = v[0];
-        y[i] = v[1];
-        z[i] = v[2];
-    }
-    void get(int i, float v[3]) const {
-        v[0] = x[i];
-        v[1] = y[i];
-        v[2] = z[i];
-    }
+    void set(int i, const float v[3]) { x[i] = v[0], y[i] = v[1], z[i] = v[2]; }
+    void get(int i, float v[3]) const { v[0] = x[i], v[1] = y[i], v[2] = z[i]; }
 };
 
 }  // namespace kelt
