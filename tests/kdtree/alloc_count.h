@@ -12,59 +12,40 @@
 
 namespace kelt {
 
+// Installs the counting hooks until it goes out of scope; one at a time.
 class AllocationCount {
   public:
-    // Installs the counting hooks until the object goes out of scope. Only
-    // one may exist at a time.
     AllocationCount() : malloc_(i_malloc), free_(i_free) {
-        blocks() = 0;
-        bytes() = 0;
-        peak() = 0;
+        blocks_ = bytes_ = peak_ = 0;
         i_malloc = &countedMalloc;
         i_free = &countedFree;
     }
-    ~AllocationCount() {
-        i_malloc = malloc_;
-        i_free = free_;
-    }
+    ~AllocationCount() { i_malloc = malloc_, i_free = free_; }
     AllocationCount(const AllocationCount&) = delete;
     AllocationCount& operator=(const AllocationCount&) = delete;
 
-    long long liveBlocks() const { return blocks(); }
-    long long liveBytes() const { return bytes(); }
-    long long peakBytes() const { return peak(); }
-    void resetPeak() { peak() = bytes().load(); }
+    long long liveBlocks() const { return blocks_; }
+    long long peakBytes() const { return peak_; }
 
   private:
     static constexpr size_t kPrefix = 16;
-    static std::atomic<long long>& blocks() {
-        static std::atomic<long long> n{0};
-        return n;
-    }
-    static std::atomic<long long>& bytes() {
-        static std::atomic<long long> n{0};
-        return n;
-    }
-    static std::atomic<long long>& peak() {
-        static std::atomic<long long> n{0};
-        return n;
-    }
+    static inline std::atomic<long long> blocks_{0}, bytes_{0}, peak_{0};
     static void* countedMalloc(size_t size) {
         auto* raw = static_cast<char*>(std::malloc(size + kPrefix));
         if (!raw) return nullptr;
         *reinterpret_cast<size_t*>(raw) = size;
-        ++blocks();
-        const long long now = bytes() += (long long)size;
-        long long seen = peak();
-        while (now > seen && !peak().compare_exchange_weak(seen, now)) {
+        ++blocks_;
+        const long long now = bytes_ += (long long)size;
+        long long seen = peak_;
+        while (now > seen && !peak_.compare_exchange_weak(seen, now)) {
         }
         return raw + kPrefix;
     }
     static void countedFree(void* block) {
         if (!block) return;
         char* raw = static_cast<char*>(block) - kPrefix;
-        --blocks();
-        bytes() -= (long long)*reinterpret_cast<size_t*>(raw);
+        --blocks_;
+        bytes_ -= (long long)*reinterpret_cast<size_t*>(raw);
         std::free(raw);
     }
 

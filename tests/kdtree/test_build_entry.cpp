@@ -19,214 +19,173 @@ struct AllocationLog {
     std::vector<size_t> requests;
     std::vector<void*> frees;
     bool fail = false;
-};
-AllocationLog* g_log = nullptr;
+} g_log;
 
 void* loggingMalloc(size_t bytes) {
-    g_log->requests.push_back(bytes);
-    return g_log->fail ? nullptr : malloc(bytes);
+    g_log.requests.push_back(bytes);
+    return g_log.fail ? nullptr : malloc(bytes);
 }
-
 void loggingFree(void* p) {
-    g_log->frees.push_back(p);
+    g_log.frees.push_back(p);
     free(p);
 }
+
+KDTreeNode* const kUntouched = reinterpret_cast<KDTreeNode*>(uintptr_t(0x1230));
 
 // One triangle, and outputs preset to values a failing call must leave alone.
 class BuildEntry : public ::testing::Test {
   protected:
     void SetUp() override {
-        g_log = &log;
-        savedMalloc = i_malloc;
-        savedFree = i_free;
+        g_log = AllocationLog();
         i_malloc = loggingMalloc;
         i_free = loggingFree;
     }
-    void TearDown() override {
-        i_malloc = savedMalloc;
-        i_free = savedFree;
-        g_log = nullptr;
-    }
+    void TearDown() override { i_malloc = savedMalloc, i_free = savedFree; }
 
-    KelStatus build(const KDTreeBuildContext* context, int triangleCount = 1, int vertexCount = 3) {
-        tree = untouchedTree();
-        size = kUntouchedSize;
-        return kelrKDTreeBuildAlloc(&tree, vertices, triangles, vertexCount, triangleCount, &size,
-                                    context);
+    KelStatus build(const KDTreeBuildContext* context, int triangleCount = 1, int vertexCount = 3,
+                    const float* v = nullptr, const int* t = nullptr) {
+        tree = kUntouched;
+        size = -77;
+        return kelrKDTreeBuildAlloc(&tree, v ? v : vertices, t ? t : triangles, vertexCount,
+                                    triangleCount, &size, context);
     }
 
     // A failing call writes neither output and allocates nothing.
-    ::testing::AssertionResult failedCleanly(KelStatus status, KelStatus expected) {
+    ::testing::AssertionResult failed(KelStatus status, KelStatus expected) {
         if (status != expected)
             return ::testing::AssertionFailure() << "status " << status << ", not " << expected;
-        if (tree != untouchedTree() || size != kUntouchedSize)
-            return ::testing::AssertionFailure() << "an output was written";
-        if (!log.requests.empty()) return ::testing::AssertionFailure() << "memory was requested";
+        if (tree != kUntouched || size != -77 || !g_log.requests.empty())
+            return ::testing::AssertionFailure() << "an output was written or memory requested";
         return ::testing::AssertionSuccess();
     }
-
-    static KDTreeNode* untouchedTree() { return reinterpret_cast<KDTreeNode*>(uintptr_t(0x1230)); }
-    static constexpr int kUntouchedSize = -77;
 
     float vertices[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
     int triangles[4] = {0, 1, 2, 0};
     KDTreeNode* tree = nullptr;
     int size = 0;
-    AllocationLog log;
-    void* (*savedMalloc)(size_t) = nullptr;
-    void (*savedFree)(void*) = nullptr;
+    void* (*savedMalloc)(size_t) = i_malloc;
+    void (*savedFree)(void*) = i_free;
 };
 
-KDTreeBuildContext simpleContext(int depth = 10) {
+KDTreeBuildContext simple(int depth = 10) {
     return KDTreeBuildContext{KDT_BUILD_SIMPLE, depth, 0.5f, 64, nullptr};
 }
-
-KDTreeBuildContext psahContext(int depth = 10, float weight = 0.5f, uint32_t memoryMiB = 64) {
+KDTreeBuildContext psah(int depth = 10, float weight = 0.5f, uint32_t memoryMiB = 64) {
     return KDTreeBuildContext{KDT_BUILD_PSAH, depth, weight, memoryMiB, nullptr};
 }
 
-}  // namespace
-
+// Every output and mesh pointer first (even for the simple build), then the
+// counts, then the context pointer, then the algorithm, then its depth.
 TEST_F(BuildEntry, PointersThenCountsThenContext) {
-    KDTreeBuildContext good = simpleContext();
-    KDTreeBuildContext unknown = simpleContext();
-    unknown.algorithm = 0x12345678;
-    KDTreeNode* t = untouchedTree();
-    int s = kUntouchedSize;
-
-    // Every output and mesh pointer is required, even by the simple build.
-    EXPECT_EQ(kelrKDTreeBuildAlloc(nullptr, vertices, triangles, 3, 1, &s, nullptr),
-              KEL_STS_NULL_PTR);
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, nullptr, triangles, 3, 1, &s, &good), KEL_STS_NULL_PTR);
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, vertices, nullptr, 3, 1, &s, &good), KEL_STS_NULL_PTR);
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, vertices, triangles, 3, 1, nullptr, &good),
-              KEL_STS_NULL_PTR);
-    EXPECT_EQ(kelrKDTreeBuildAlloc(nullptr, vertices, triangles, -1, -1, &s, &unknown),
-              KEL_STS_NULL_PTR);
-    // Counts come before the context pointer, and before the algorithm.
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, vertices, triangles, 3, -1, &s, nullptr), KEL_STS_SIZE);
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, vertices, triangles, -1, 1, &s, nullptr), KEL_STS_SIZE);
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, vertices, triangles, INT32_MIN, 0, &s, &unknown),
-              KEL_STS_SIZE);
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, vertices, triangles, 3, 1, &s, nullptr), KEL_STS_NULL_PTR);
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, vertices, triangles, 3, 1, &s, &unknown), KEL_STS_BAD_ARG);
-    KDTreeBuildContext unknownBadDepth = unknown;
-    unknownBadDepth.maxDepth = 99;
-    EXPECT_EQ(kelrKDTreeBuildAlloc(&t, vertices, triangles, 3, 1, &s, &unknownBadDepth),
-              KEL_STS_BAD_ARG);
-    EXPECT_EQ(t, untouchedTree());
-    EXPECT_EQ(s, kUntouchedSize);
-    EXPECT_TRUE(log.requests.empty());
+    KDTreeBuildContext good = simple(), unknown = simple(), unknownDeep = simple(99);
+    unknown.algorithm = unknownDeep.algorithm = 0x12345678;
+    const struct {
+        bool outputs, vertices, triangles, size;
+        int vertexCount, triangleCount;
+        const KDTreeBuildContext* context;
+        KelStatus expected;
+    } cases[] = {
+        {false, true, true, true, 3, 1, nullptr, KEL_STS_NULL_PTR},
+        {true, false, true, true, 3, 1, &good, KEL_STS_NULL_PTR},
+        {true, true, false, true, 3, 1, &good, KEL_STS_NULL_PTR},
+        {true, true, true, false, 3, 1, &good, KEL_STS_NULL_PTR},
+        {false, true, true, true, -1, -1, &unknown, KEL_STS_NULL_PTR},
+        {true, true, true, true, 3, -1, nullptr, KEL_STS_SIZE},
+        {true, true, true, true, -1, 1, nullptr, KEL_STS_SIZE},
+        {true, true, true, true, INT32_MIN, 0, &unknown, KEL_STS_SIZE},
+        {true, true, true, true, 3, 1, nullptr, KEL_STS_NULL_PTR},
+        {true, true, true, true, 3, 1, &unknown, KEL_STS_BAD_ARG},
+        {true, true, true, true, 3, 1, &unknownDeep, KEL_STS_BAD_ARG},
+    };
+    for (const auto& c : cases) {
+        tree = kUntouched;
+        size = -77;
+        const KelStatus status =
+            kelrKDTreeBuildAlloc(c.outputs ? &tree : nullptr, c.vertices ? vertices : nullptr,
+                                 c.triangles ? triangles : nullptr, c.vertexCount, c.triangleCount,
+                                 c.size ? &size : nullptr, c.context);
+        EXPECT_TRUE(failed(status, c.expected)) << &c - cases;
+    }
 }
 
-TEST_F(BuildEntry, DepthIsCheckedForBothAlgorithms) {
+TEST_F(BuildEntry, DepthWeightAndBudgetChecks) {
     for (int depth : {-1, 51, INT32_MIN, INT32_MAX}) {
-        KDTreeBuildContext simple = simpleContext(depth);
-        EXPECT_TRUE(failedCleanly(build(&simple), KEL_STS_OUT_OF_RANGE)) << depth;
-        KDTreeBuildContext psah = psahContext(depth);
-        EXPECT_TRUE(failedCleanly(build(&psah), KEL_STS_OUT_OF_RANGE)) << depth;
+        KDTreeBuildContext s = simple(depth), p = psah(depth);
+        EXPECT_TRUE(failed(build(&s), KEL_STS_OUT_OF_RANGE)) << depth;
+        EXPECT_TRUE(failed(build(&p), KEL_STS_OUT_OF_RANGE)) << depth;
     }
-    for (int depth : {0, 50}) {
-        KDTreeBuildContext simple = simpleContext(depth);
-        ASSERT_EQ(build(&simple), KEL_STS_OK) << depth;
-        kelrKDTreeFree(tree);
-    }
-}
-
-TEST_F(BuildEntry, PsahWeightAndBudgetValidation) {
-    // The weight is checked before the budget, so a bad weight with a bad
-    // budget is out of range, not out of memory.
+    // The weight is checked before the budget: out of range, not out of memory.
     for (float weight : {-1e-30f, -1.0f, 1.0000001f, 2.0f, float(NAN), float(-NAN), INFINITY}) {
-        KDTreeBuildContext context = psahContext(10, weight, 0);
-        EXPECT_TRUE(failedCleanly(build(&context), KEL_STS_OUT_OF_RANGE)) << weight;
+        KDTreeBuildContext context = psah(10, weight, 0);
+        EXPECT_TRUE(failed(build(&context), KEL_STS_OUT_OF_RANGE)) << weight;
     }
     // The budget check uses MiB << 19 in 32 bits, so 8192 MiB wraps to
-    // nothing and 8192 + 31 to less than the minimum.
-    for (uint32_t mib : {0u, 1u, 31u, 8192u, 8192u + 31u, 0x80000000u}) {
-        KDTreeBuildContext context = psahContext(10, 0.5f, mib);
-        EXPECT_TRUE(failedCleanly(build(&context), KEL_STS_NO_MEM)) << mib;
+    // nothing and 8192 + 31 to less than the minimum. 32 MiB passes it and is
+    // refused by the builder's own fixed need before anything is allocated.
+    for (uint32_t mib : {0u, 1u, 31u, 8192u, 8192u + 31u, 0x80000000u, 32u}) {
+        KDTreeBuildContext context = psah(10, 0.5f, mib);
+        EXPECT_TRUE(failed(build(&context), KEL_STS_NO_MEM)) << mib;
     }
-}
-
-// The limits of the accepted ranges reach the PSAH builder, which has room
-// for one triangle in 128 MiB. 32 MiB passes this check and is refused by the
-// builder's own fixed need before anything is allocated.
-TEST_F(BuildEntry, ValidPsahContextsReachTheBuilder) {
-    for (float weight : {0.0f, -0.0f, 1.0f}) {
+    // The limits of the accepted ranges reach the builders.
+    for (float weight : {0.0f, -0.0f, 1.0f})
         for (int depth : {0, 50}) {
-            KDTreeBuildContext context = psahContext(depth, weight, 128);
-            ASSERT_EQ(build(&context), KEL_STS_OK) << weight << ", " << depth;
+            KDTreeBuildContext s = simple(depth), p = psah(depth, weight, 128);
+            ASSERT_EQ(build(&p), KEL_STS_OK) << weight << ", " << depth;
+            kelrKDTreeFree(tree);
+            ASSERT_EQ(build(&s), KEL_STS_OK) << depth;
             kelrKDTreeFree(tree);
         }
-    }
-    log.requests.clear();
-    KDTreeBuildContext exact = psahContext(10, 0.5f, 32);
-    EXPECT_TRUE(failedCleanly(build(&exact), KEL_STS_NO_MEM));
 }
 
-// The context's depth, weight and clip box reach the PSAH builder: depth 0
-// keeps the root a leaf, a larger weight makes splits cheaper to accept, and
-// a clip box apart from the mesh leaves every triangle out.
+// Depth 0 keeps the root a leaf, a larger weight makes splits cheaper to
+// accept, and a clip box apart from the mesh leaves every triangle out.
 TEST_F(BuildEntry, PsahBuildFollowsTheContext) {
     const kelt::Mesh mesh = kelt::randomSoup(5, 300);
-    // Triangles listed in the tree's leaves, and its size.
-    auto build = [&](int depth, float weight, const float* clip, long long* listed) {
-        KDTreeBuildContext context = {KDT_BUILD_PSAH, depth, weight, 128, clip};
-        KDTreeNode* psah = nullptr;
-        int bytes = 0;
-        EXPECT_EQ(kelrKDTreeBuildAlloc(&psah, mesh.vertices.data(), mesh.triangles.data(),
-                                       mesh.vertexCount(), mesh.triangleCount(), &bytes, &context),
+    const float apart[6] = {5, 5, 5, 6, 6, 6};
+    long long listed[4];
+    int sizes[4];
+    const KDTreeBuildContext contexts[4] = {{KDT_BUILD_PSAH, 0, 1.0f, 128, nullptr},
+                                            {KDT_BUILD_PSAH, 20, 0.0f, 128, nullptr},
+                                            {KDT_BUILD_PSAH, 20, 1.0f, 128, nullptr},
+                                            {KDT_BUILD_PSAH, 20, 1.0f, 128, apart}};
+    for (int k = 0; k < 4; ++k) {
+        ASSERT_EQ(build(&contexts[k], mesh.triangleCount(), mesh.vertexCount(),
+                        mesh.vertices.data(), mesh.triangles.data()),
                   KEL_STS_OK);
         kelt::TreeSummary summary;
-        EXPECT_EQ("", kelt::checkTree(psah, bytes, mesh.triangleCount(), &summary));
-        *listed = summary.listed;
-        kelrKDTreeFree(psah);
-        return bytes;
-    };
-    long long listed = 0;
-    EXPECT_EQ(build(0, 1.0f, nullptr, &listed), 16 + 4 * 300);
-    EXPECT_EQ(listed, 300);
-    const int shallow = build(20, 0.0f, nullptr, &listed);
-    EXPECT_GT(build(20, 1.0f, nullptr, &listed), shallow);
-    const float apart[6] = {5, 5, 5, 6, 6, 6};
-    build(20, 1.0f, apart, &listed);
-    EXPECT_EQ(listed, 0);
+        EXPECT_EQ("", kelt::checkTree(tree, size, mesh.triangleCount(), &summary));
+        listed[k] = summary.listed, sizes[k] = size;
+        kelrKDTreeFree(tree);
+    }
+    EXPECT_EQ(sizes[0], 16 + 4 * 300);
+    EXPECT_EQ(listed[0], 300);
+    EXPECT_GT(sizes[2], sizes[1]);
+    EXPECT_EQ(listed[3], 0);
 }
 
 TEST_F(BuildEntry, SimpleTreeIsOneLeafOverEveryTriangle) {
-    KDTreeBuildContext context = simpleContext();
+    KDTreeBuildContext context = simple();
     for (int count : {0, 1, 2, 7, 9, 1000}) {
-        log.requests.clear();
-        log.frees.clear();
+        g_log = AllocationLog();
         ASSERT_EQ(build(&context, count), KEL_STS_OK) << count;
-        const int expectedSize = 16 + 4 * count;
-        EXPECT_EQ(size, expectedSize);
+        const std::vector<int32_t> expected = kelt::oneLeafTree(count);
+        ASSERT_EQ(size, 4 * int(expected.size()));
         // The block has one 8-byte unit more than the size covers.
-        ASSERT_EQ(log.requests.size(), 1u);
-        EXPECT_EQ(log.requests[0], size_t(expectedSize / 8 + 1) * 8 + 32 + sizeof(void*));
+        ASSERT_EQ(g_log.requests,
+                  std::vector<size_t>{size_t(size / 8 + 1) * 8 + 32 + sizeof(void*)});
         EXPECT_EQ(uintptr_t(tree) % 32, 0u);
-
-        std::vector<int32_t> expected = {-16, count, 0, 0};
-        for (int t = 0; t < count; ++t) expected.push_back(t);
-        std::vector<int32_t> words(expected.size());
-        memcpy(words.data(), tree, expectedSize);
-        EXPECT_EQ(words, expected) << count;
-        // Readers find the list from the root's first word.
-        const char* root = reinterpret_cast<const char*>(tree);
-        EXPECT_EQ(root - (tree->link & ~3), root + 16);
-
-        void* raw = static_cast<void**>(static_cast<void*>(tree))[-1];
+        EXPECT_EQ(std::vector<int32_t>((int32_t*)tree, (int32_t*)tree + expected.size()), expected);
+        void* raw = reinterpret_cast<void**>(tree)[-1];
         kelrKDTreeFree(tree);
-        ASSERT_EQ(log.frees.size(), 1u);
-        EXPECT_EQ(log.frees[0], raw);
+        EXPECT_EQ(g_log.frees, std::vector<void*>{raw});
     }
     kelrKDTreeFree(nullptr);
-    EXPECT_EQ(log.frees.size(), 1u);
+    EXPECT_EQ(g_log.frees.size(), 1u);
 }
 
 // The simple build reads only the algorithm and the depth: a context of two
 // words at the very end of a readable page is enough.
-TEST_F(BuildEntry, SimpleBuildReadsTwoContextWords) {
+TEST_F(BuildEntry, SimpleBuildReadsTwoContextWordsAndMayRunOutOfMemory) {
     const long page = sysconf(_SC_PAGESIZE);
     char* pages = static_cast<char*>(
         mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
@@ -235,18 +194,16 @@ TEST_F(BuildEntry, SimpleBuildReadsTwoContextWords) {
     uint32_t* words = reinterpret_cast<uint32_t*>(pages + page - 8);
     words[0] = KDT_BUILD_SIMPLE;
     words[1] = 5;
-    const KDTreeBuildContext* shortContext = reinterpret_cast<const KDTreeBuildContext*>(words);
-    EXPECT_EQ(build(shortContext, 3), KEL_STS_OK);
+    EXPECT_EQ(build(reinterpret_cast<const KDTreeBuildContext*>(words), 3), KEL_STS_OK);
     EXPECT_EQ(size, 28);
     kelrKDTreeFree(tree);
     munmap(pages, 2 * page);
+
+    KDTreeBuildContext context = simple();
+    g_log = AllocationLog();
+    g_log.fail = true;
+    EXPECT_EQ(build(&context, 5), KEL_STS_NO_MEM);
+    EXPECT_TRUE(tree == kUntouched && size == -77 && g_log.frees.empty());
 }
 
-TEST_F(BuildEntry, SimpleBuildWithoutMemory) {
-    KDTreeBuildContext context = simpleContext();
-    log.fail = true;
-    EXPECT_EQ(build(&context, 5), KEL_STS_NO_MEM);
-    EXPECT_EQ(tree, untouchedTree());
-    EXPECT_EQ(size, kUntouchedSize);
-    EXPECT_TRUE(log.frees.empty());
-}
+}  // namespace

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -23,7 +22,6 @@ struct TreeLeaf {
     int depth;
     int count;
     const int32_t* list;
-    float box[6];  // only meaningful when the walk was given a root box
 };
 
 struct TreeSummary {
@@ -66,9 +64,7 @@ struct TreeWalk {
     std::string error;
 
     bool fail(const char* what, int offset) {
-        char text[160];
-        std::snprintf(text, sizeof text, "%s (node at byte %d)", what, offset);
-        error = text;
+        error = std::string(what) + " (node at byte " + std::to_string(offset) + ")";
         return false;
     }
 
@@ -76,19 +72,16 @@ struct TreeWalk {
         // Readers keep at most 50 deferred children.
         if (depth > 50) return fail("deeper than 50 levels", offset);
         int32_t word0, word1;
-        std::memcpy(&word0, block + offset, 4);
-        std::memcpy(&word1, block + offset + 4, 4);
+        std::memcpy(&word0, block + offset, 4), std::memcpy(&word1, block + offset + 4, 4);
         const double area = boxes ? halfArea(box) / rootArea : 0;
         if (word0 < 0) {
             if (word0 & 3) return fail("leaf distance not a multiple of 4", offset);
             if (word1 < 0) return fail("negative leaf count", offset);
-            TreeLeaf leaf{depth, word1, nullptr, {}};
-            if (boxes) std::memcpy(leaf.box, box, sizeof leaf.box);
             leafOffsets.push_back(offset - word0);
-            summary->leaves.push_back(leaf);
+            summary->leaves.push_back(TreeLeaf{depth, word1, nullptr});
             summary->listed += word1;
             summary->sahCost += area * word1;
-            if (depth > summary->maxDepth) summary->maxDepth = depth;
+            summary->maxDepth = std::max(summary->maxDepth, depth);
             return true;
         }
         const int axis = word0 & 3;
@@ -100,15 +93,9 @@ struct TreeWalk {
         nextPair += 16;
         ++summary->innerNodes;
         summary->sahCost += area;
-        float split;
-        std::memcpy(&split, &word1, 4);
-        float below[6] = {}, above[6] = {};
-        if (boxes) {
-            std::memcpy(below, box, sizeof below);
-            std::memcpy(above, box, sizeof above);
-            below[axis + 3] = split;
-            above[axis] = split;
-        }
+        float below[6], above[6];
+        std::memcpy(below, box, sizeof below), std::memcpy(above, box, sizeof above);
+        std::memcpy(&below[axis + 3], &word1, 4), std::memcpy(&above[axis], &word1, 4);
         return walk(pair, depth + 1, below) && walk(pair + 8, depth + 1, above);
     }
 };
@@ -116,21 +103,20 @@ struct TreeWalk {
 }  // namespace detail
 
 // Checks the block of `size` bytes; "" when it is a well-formed tree over
-// `triangleCount` triangles, else what is wrong. With a root box, leaf boxes
-// and the surface-area cost are filled in too.
+// `triangleCount` triangles, else what is wrong. With a root box, the
+// surface-area cost is filled in too.
 inline std::string checkTree(const KDTreeNode* tree, int size, int triangleCount,
                              TreeSummary* summary, const float* rootBox = nullptr) {
     *summary = TreeSummary();
     if (!tree) return "no tree";
     if (size < 16) return "size below the 16-byte header";
     const char* block = reinterpret_cast<const char*>(tree);
-    int32_t companion[2];
-    std::memcpy(companion, block + 8, 8);
-    if (companion[0] != 0 || companion[1] != 0) return "words 2 and 3 are not zero";
+    static const char zeros[8] = {};
+    if (std::memcmp(block + 8, zeros, 8) != 0) return "words 2 and 3 are not zero";
 
-    detail::TreeWalk walk{block, size, rootBox != nullptr,
-                          rootBox ? detail::halfArea(rootBox) : 0.0};
-    walk.summary = summary;
+    detail::TreeWalk walk{
+        block, size,   rootBox != nullptr, rootBox ? detail::halfArea(rootBox) : 0.0, 16,
+        {},    summary};
     float box[6] = {};
     if (rootBox) std::memcpy(box, rootBox, sizeof box);
     if (!walk.walk(0, 0, box)) return walk.error;
@@ -142,15 +128,13 @@ inline std::string checkTree(const KDTreeNode* tree, int size, int triangleCount
     for (size_t k = 0; k < summary->leaves.size(); ++k) {
         TreeLeaf& leaf = summary->leaves[k];
         if (walk.leafOffsets[k] != expected)
-            return "leaf list " + std::to_string(k) + " at byte " +
-                   std::to_string(walk.leafOffsets[k]) + ", expected " + std::to_string(expected);
+            return "leaf list " + std::to_string(k) + " not at byte " + std::to_string(expected);
         if (expected + 4LL * leaf.count > size) return "leaf lists run past the reported size";
         leaf.list = reinterpret_cast<const int32_t*>(block + expected);
         std::vector<int32_t> seen(leaf.list, leaf.list + leaf.count);
         for (int32_t n : seen)
             if (n < 0 || n >= triangleCount)
-                return "triangle " + std::to_string(n) + " out of range in leaf " +
-                       std::to_string(k);
+                return "triangle out of range in leaf " + std::to_string(k);
         std::sort(seen.begin(), seen.end());
         if (std::adjacent_find(seen.begin(), seen.end()) != seen.end())
             summary->duplicateInLeaf = true;
