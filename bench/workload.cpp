@@ -9,11 +9,21 @@ namespace {
 struct V3 {
     double x, y, z;
 };
-V3 operator+(V3 a, V3 b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
-V3 operator-(V3 a, V3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-V3 operator*(double s, V3 a) { return {s * a.x, s * a.y, s * a.z}; }
-V3 cross(V3 a, V3 b) { return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x}; }
-V3 normalise(V3 a) { return (1.0 / std::sqrt(a.x * a.x + a.y * a.y + a.z * a.z)) * a; }
+V3 operator+(V3 a, V3 b) {
+    return {a.x + b.x, a.y + b.y, a.z + b.z};
+}
+V3 operator-(V3 a, V3 b) {
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
+}
+V3 operator*(double s, V3 a) {
+    return {s * a.x, s * a.y, s * a.z};
+}
+V3 cross(V3 a, V3 b) {
+    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+V3 normalise(V3 a) {
+    return (1.0 / std::sqrt(a.x * a.x + a.y * a.y + a.z * a.z)) * a;
+}
 void store(V3 a, float out[3]) {
     out[0] = float(a.x);
     out[1] = float(a.y);
@@ -47,12 +57,12 @@ void addRoom(kelt::Mesh* mesh, V3 lo, V3 hi) {
         p[k] = {k & 1 ? hi.x : lo.x, k & 2 ? hi.y : lo.y, k & 4 ? hi.z : lo.z};
     // Floor and ceiling first, then the x and the z walls: the triangle
     // numbers, and so the workload's id checksums, depend on this order.
-    addQuad(mesh, p[0], p[4], p[5], p[1]); // y = lo (floor)
-    addQuad(mesh, p[2], p[3], p[7], p[6]); // y = hi
-    addQuad(mesh, p[0], p[2], p[6], p[4]); // x = lo
-    addQuad(mesh, p[1], p[5], p[7], p[3]); // x = hi
-    addQuad(mesh, p[0], p[1], p[3], p[2]); // z = lo
-    addQuad(mesh, p[4], p[6], p[7], p[5]); // z = hi
+    addQuad(mesh, p[0], p[4], p[5], p[1]);  // y = lo (floor)
+    addQuad(mesh, p[2], p[3], p[7], p[6]);  // y = hi
+    addQuad(mesh, p[0], p[2], p[6], p[4]);  // x = lo
+    addQuad(mesh, p[1], p[5], p[7], p[3]);  // x = hi
+    addQuad(mesh, p[0], p[1], p[3], p[2]);  // z = lo
+    addQuad(mesh, p[4], p[6], p[7], p[5]);  // z = hi
 }
 
 }  // namespace
@@ -99,7 +109,7 @@ void frameBox(const double box[6], int width, Camera* camera, float light[3]) {
 bool makeScene(const std::string& name, Scene* scene) {
     scene->name = name;
     scene->mesh = kelt::Mesh();
-    std::string file = name == "teapot" ? "teapot.obj"
+    std::string file = name == "teapot"    ? "teapot.obj"
                        : name == "fandisk" ? "fandisk.obj"
                        : name == "spot"    ? "spot.obj"
                                            : "stanford-bunny.obj";
@@ -124,7 +134,8 @@ bool makeScene(const std::string& name, Scene* scene) {
             V3 c = 0.5 * (lo + hi);
             double d = std::sqrt(extent.x * extent.x + extent.y * extent.y + extent.z * extent.z);
             double f = lo.y - 0.01 * extent.y;
-            addRoom(&scene->mesh, {c.x - 2 * d, f, c.z - 2 * d}, {c.x + 2 * d, f + 3 * d, c.z + 2 * d});
+            addRoom(&scene->mesh, {c.x - 2 * d, f, c.z - 2 * d},
+                    {c.x + 2 * d, f + 3 * d, c.z + 2 * d});
         }
     }
     frameBox(box, 1024, &scene->camera, scene->light);

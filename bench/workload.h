@@ -13,10 +13,10 @@ namespace kelb {
 
 struct Camera {
     float eye[3];
-    float corner[3];     // direction of pixel (0, 0)
-    float columnStep[3]; // direction increment per column
-    float rowStep[3];    // direction increment per row
-    int width = 1024;    // square image
+    float corner[3];      // direction of pixel (0, 0)
+    float columnStep[3];  // direction increment per column
+    float rowStep[3];     // direction increment per row
+    int width = 1024;     // square image
 };
 
 struct Scene {

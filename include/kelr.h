@@ -88,31 +88,29 @@ KEL_API KelStatus kelrTriangleNormal_32f(const float* pVertices, const int* pTri
 /* ---- Ray casting ------------------------------------------------------- */
 
 KEL_API KelStatus kelrCastEye_32f(const float corner[3], const float columnStep[3],
-                                  const float rowStep[3], int blockX, int blockY,
-                                  int tileWidth, int tileHeight, float* const direction[3],
-                                  int width, int height);
+                                  const float rowStep[3], int blockX, int blockY, int tileWidth,
+                                  int tileHeight, float* const direction[3], int width, int height);
 KEL_API KelStatus kelrCastShadowSO_32f(const float lightPos[3], const float* pFacing,
-                                       const float* const normal[3],
-                                       const float* const point[3], int* pMask,
-                                       float* pCosine, float* const direction[3], int count);
+                                       const float* const normal[3], const float* const point[3],
+                                       int* pMask, float* pCosine, float* const direction[3],
+                                       int count);
 KEL_API KelStatus kelrCastReflectionRay_32f(const float* const incident[3], const int* pMask,
-                                            const float* const normal[3],
-                                            float* const reflected[3], int count);
+                                            const float* const normal[3], float* const reflected[3],
+                                            int count);
 
 /* ---- Hit points and surface normals ------------------------------------ */
 
-KEL_API KelStatus kelrHitPoint3DEpsS0_32f_M(const float origin[3],
-                                            const float* const direction[3],
+KEL_API KelStatus kelrHitPoint3DEpsS0_32f_M(const float origin[3], const float* const direction[3],
                                             const float* pDistance, const int* pMask,
                                             float* const hitPoint[3], int count, float scale);
 KEL_API KelStatus kelrHitPoint3DEpsM0_32f_M(const float* const origin[3],
-                                            const float* const direction[3],
-                                            const float* pDistance, const int* pMask,
-                                            float* const hitPoint[3], int count, float scale);
+                                            const float* const direction[3], const float* pDistance,
+                                            const int* pMask, float* const hitPoint[3], int count,
+                                            float scale);
 KEL_API KelStatus kelrSurfFlatNormal_32f(const float* pTriangleNormals, const int* pHitTriangle,
                                          float* const normal[3], int count);
-KEL_API KelStatus kelrSurfSmoothNormal_32f(const float* pVertexNormals,
-                                           const int* pTriangleIndices, const int* pHitTriangle,
+KEL_API KelStatus kelrSurfSmoothNormal_32f(const float* pVertexNormals, const int* pTriangleIndices,
+                                           const int* pHitTriangle,
                                            const float* const barycentric[2],
                                            float* const normal[3], int count, int stride);
 
@@ -124,8 +122,8 @@ KEL_API KelStatus kelrDotChangeNorm_32f_IM(const float* const direction[3], cons
                                            float* const normal[3], float* pDot, int count);
 KEL_API KelStatus kelrDistAttenuationSO_32f_M(const float origin[3], const float* const point[3],
                                               const int* pMask, float* pDistance, int count);
-KEL_API KelStatus kelrMul_32f_C1P3IM(const float* pFactor, const int* pMask,
-                                     float* const srcDst[3], int count);
+KEL_API KelStatus kelrMul_32f_C1P3IM(const float* pFactor, const int* pMask, float* const srcDst[3],
+                                     int count);
 KEL_API KelStatus kelrMul_32f_C1IM(const float* pFactor, const int* pMask, float* pSrcDst,
                                    int count);
 KEL_API KelStatus kelrDiv_32f_C1IM(const float* pDivisor, const int* pMask, float* pSrcDst,
@@ -140,10 +138,10 @@ KEL_API KelStatus kelrAddMulMul_32f_AC1P3IM(const float coefficient[3], const fl
 #define KDT_BUILD_PSAH 0x2D07705Bu
 
 typedef struct KDTreeBuildContext {
-    uint32_t algorithm;  /* KDT_BUILD_SIMPLE or KDT_BUILD_PSAH               */
-    int32_t maxDepth;    /* 0..50                                             */
-    float psahWeight;    /* 0..1, PSAH only                                   */
-    uint32_t memoryMiB;  /* working-memory budget, PSAH only                  */
+    uint32_t algorithm;   /* KDT_BUILD_SIMPLE or KDT_BUILD_PSAH               */
+    int32_t maxDepth;     /* 0..50                                             */
+    float psahWeight;     /* 0..1, PSAH only                                   */
+    uint32_t memoryMiB;   /* working-memory budget, PSAH only                  */
     const float* clipBox; /* optional build box (6 floats), PSAH only; null: all vertices */
 } KDTreeBuildContext;
 
@@ -160,9 +158,8 @@ typedef struct KDTreeNode {
 } KDTreeNode;
 
 KEL_API KelStatus kelrKDTreeBuildAlloc(KDTreeNode** ppTree, const float* pVertices,
-                                       const int* pTriangles, int vertexCount,
-                                       int triangleCount, int* pTreeSize,
-                                       const KDTreeBuildContext* pContext);
+                                       const int* pTriangles, int vertexCount, int triangleCount,
+                                       int* pTreeSize, const KDTreeBuildContext* pContext);
 KEL_API void kelrKDTreeFree(KDTreeNode* pTree);
 
 /* ---- Intersection ------------------------------------------------------ */
@@ -197,13 +194,11 @@ KEL_API KelStatus kelrTriangleAccelInit(TriangleAccel* pAccel, const float* pVer
 /* Nearest hit for rays sharing one origin. distance: in = far limit, out =
  * nearest hit. hit: barycentric u, v planes. triangleId: hit or -1. */
 KEL_API KelStatus kelrIntersectEyeSO_32f(const float origin[3], const float* const direction[3],
-                                         float* pDistance, float* const hit[2],
-                                         int* pTriangleId, const IntersectContext* pContext,
-                                         int width, int height);
+                                         float* pDistance, float* const hit[2], int* pTriangleId,
+                                         const IntersectContext* pContext, int width, int height);
 /* Nearest hit for rays with one origin each. */
-KEL_API KelStatus kelrIntersectMO_32f(const float* const origin[3],
-                                      const float* const direction[3], float* pDistance,
-                                      float* const hit[2], int* pTriangleId,
+KEL_API KelStatus kelrIntersectMO_32f(const float* const origin[3], const float* const direction[3],
+                                      float* pDistance, float* const hit[2], int* pTriangleId,
                                       const IntersectContext* pContext, int width, int height);
 /* Any occluder on the segments origin + t * direction, 0 < t < 1. */
 KEL_API KelStatus kelrIntersectAnySO_32f(const float origin[3], const float* const direction[3],

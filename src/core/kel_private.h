@@ -3,10 +3,10 @@
 #ifndef KEL_PRIVATE_H
 #define KEL_PRIVATE_H
 
-#include "kelr.h"
-
 #include <stddef.h>
 #include <stdint.h>
+
+#include "kelr.h"
 
 // The public records are caller-visible memory: their layout is part of the
 // ABI. A word that holds a pointer is pointer-sized; everything else is the
@@ -20,8 +20,7 @@ static_assert(offsetof(TriangleAccel, nu) == 4 && offsetof(TriangleAccel, ck) ==
                   offsetof(TriangleAccel, nv) == 12 && offsetof(TriangleAccel, cu) == 16 &&
                   offsetof(TriangleAccel, cv) == 20 && offsetof(TriangleAccel, e2u) == 24 &&
                   offsetof(TriangleAccel, e2v) == 28 && offsetof(TriangleAccel, e1u) == 32 &&
-                  offsetof(TriangleAccel, e1v) == 36 &&
-                  offsetof(TriangleAccel, triangle) == 40 &&
+                  offsetof(TriangleAccel, e1v) == 36 && offsetof(TriangleAccel, triangle) == 40 &&
                   offsetof(TriangleAccel, reserved) == 44,
               "accelerator record layout");
 static_assert(offsetof(KDTreeBuildContext, maxDepth) == 4 &&
@@ -55,7 +54,9 @@ KEL_API void* ownsZero_8u(void* pDst, int n);
 
 namespace kel {
 
-inline bool isAligned16(const void* p) { return (reinterpret_cast<uintptr_t>(p) & 15) == 0; }
+inline bool isAligned16(const void* p) {
+    return (reinterpret_cast<uintptr_t>(p) & 15) == 0;
+}
 
 // True when every plane of the triple is 16-byte aligned.
 template <typename T>
@@ -65,8 +66,12 @@ inline bool planesAligned16(T* const* planes, int count = 3) {
     return true;
 }
 
-inline uint32_t bitsOf(float f) { return __builtin_bit_cast(uint32_t, f); }
-inline float floatOf(uint32_t u) { return __builtin_bit_cast(float, u); }
+inline uint32_t bitsOf(float f) {
+    return __builtin_bit_cast(uint32_t, f);
+}
+inline float floatOf(uint32_t u) {
+    return __builtin_bit_cast(float, u);
+}
 
 }  // namespace kel
 

@@ -12,8 +12,7 @@ void* localMallocAligned(int len, uint32_t elementSize) {
     uint32_t bytes = uint32_t(len) * elementSize + uint32_t(kAlignment + sizeof(void*));
     void* raw = i_malloc(bytes);
     if (!raw) return nullptr;
-    uintptr_t block =
-        (uintptr_t(raw) + kAlignment + sizeof(void*) - 1) & ~(kAlignment - 1);
+    uintptr_t block = (uintptr_t(raw) + kAlignment + sizeof(void*) - 1) & ~(kAlignment - 1);
     reinterpret_cast<void**>(block)[-1] = raw;
     return reinterpret_cast<void*>(block);
 }

@@ -7,4 +7,6 @@ const KelLibraryVersion kVersion = {
 
 }  // namespace
 
-extern "C" KEL_API const KelLibraryVersion* kelrGetLibVersion(void) { return &kVersion; }
+extern "C" KEL_API const KelLibraryVersion* kelrGetLibVersion(void) {
+    return &kVersion;
+}

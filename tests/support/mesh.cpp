@@ -1,11 +1,12 @@
 #include "mesh.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <sys/stat.h>
 
 namespace kelt {
 
@@ -43,8 +44,8 @@ bool loadObj(const std::string& path, Mesh* mesh) {
             face.clear();
             std::string corner;
             while (fields >> corner) {
-                int index = resolveIndex(std::strtol(corner.c_str(), nullptr, 10),
-                                         result.vertexCount());
+                int index =
+                    resolveIndex(std::strtol(corner.c_str(), nullptr, 10), result.vertexCount());
                 if (index < 0) return false;
                 face.push_back(index);
             }

@@ -9,8 +9,8 @@
 namespace kelt {
 
 struct Mesh {
-    std::vector<float> vertices; // x, y, z per vertex
-    std::vector<int> triangles;  // three vertex indices and a spare word per triangle
+    std::vector<float> vertices;  // x, y, z per vertex
+    std::vector<int> triangles;   // three vertex indices and a spare word per triangle
     int vertexCount() const { return int(vertices.size() / 3); }
     int triangleCount() const { return int(triangles.size() / 4); }
     void addTriangle(int a, int b, int c) { triangles.insert(triangles.end(), {a, b, c, 0}); }
