@@ -5,6 +5,7 @@
 // hold whatever tree the real optimisation would grow.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <vector>
@@ -22,6 +23,12 @@ struct SeenPatch {
     uint32_t mask;
     std::vector<std::array<float, 3>> points;
     std::vector<const float*> addresses;
+};
+
+struct Build {
+    KelStatus status;
+    KDTreeNode* tree = nullptr;
+    int size = -1;
 };
 
 struct Probe {
@@ -62,19 +69,7 @@ extern "C" KelStatus ownOptimizationPSAH(kel::PsahBuildState* state, kel::PsahBu
 namespace {
 
 constexpr uint32_t kMiB = 1u << 20;
-
-// The budget below which a build is refused, from the real record sizes.
-uint32_t fixedNeed(int vertexCount, int triangleCount) {
-    return 12 * uint32_t(vertexCount) +
-           (48 + 3 * uint32_t(sizeof(kel::PsahPatch))) * uint32_t(triangleCount) + (32u << 20) +
-           uint32_t(sizeof(kel::PsahBuildState)) + 2 * uint32_t(sizeof(kel::PsahChunk));
-}
-
-struct Build {
-    KelStatus status;
-    KDTreeNode* tree = nullptr;
-    int size = -1;
-};
+const float kUnitBox[6] = {0, 0, 0, 1, 1, 1};
 
 Build build(const kelt::Mesh& mesh, const float* clipBox, uint32_t budget = 128 * kMiB,
             KelStatus answer = KEL_STS_OK) {
@@ -86,174 +81,149 @@ Build build(const kelt::Mesh& mesh, const float* clipBox, uint32_t budget = 128 
     return b;
 }
 
-uint32_t maskField(uint32_t mask, int shift) {
-    return (mask >> shift) & 31;
+// The vertices, and a triangle over each three in turn.
+kelt::Mesh meshOf(std::vector<std::array<float, 3>> vertices) {
+    kelt::Mesh mesh;
+    for (const auto& v : vertices) mesh.addVertex(v[0], v[1], v[2]);
+    for (int k = 0; k + 2 < mesh.vertexCount(); k += 3) mesh.addTriangle(k, k + 1, k + 2);
+    return mesh;
 }
 
-const float kUnitBox[6] = {0, 0, 0, 1, 1, 1};
+// The triangle list of a one-leaf tree.
+std::vector<int32_t> leafList(const Build& b, int triangleCount) {
+    kelt::TreeSummary summary;
+    EXPECT_EQ("", kelt::checkTree(b.tree, b.size, triangleCount, &summary));
+    EXPECT_EQ(1u, summary.leaves.size());
+    return std::vector<int32_t>(summary.leaves[0].list, summary.leaves[0].list + summary.listed);
+}
 
 TEST(PsahPatches, WholeTrianglesReferenceTheMeshAndNameTheLowestExtremeVertex) {
-    kelt::Mesh mesh;
-    // Triangle 0 ties on min x (corners 0, 1), min y (0, 2) and on all of z.
-    mesh.addVertex(0, 0, 2);
-    mesh.addVertex(0, 1, 2);
-    mesh.addVertex(1, 0, 2);
-    // Triangle 1 ties on min x between corners 1 and 2 only.
-    mesh.addVertex(1, 5, 0);
-    mesh.addVertex(-3, 4, 1);
-    mesh.addVertex(-3, 6, -1);
-    mesh.addVertex(7, -2, 9);  // used by no triangle, still widens the build box
-    mesh.addTriangle(0, 1, 2);
-    mesh.addTriangle(3, 4, 5);
+    // Triangle 0 ties on min x (corners 0, 1), min y (0, 2) and on all of z;
+    // triangle 1 ties on min x between corners 1 and 2 only. The last vertex
+    // is used by no triangle and still widens the build box.
+    const kelt::Mesh mesh =
+        meshOf({{0, 0, 2}, {0, 1, 2}, {1, 0, 2}, {1, 5, 0}, {-3, 4, 1}, {-3, 6, -1}, {7, -2, 9}});
     kelt::AllocationCount count;
     Build b = build(mesh, nullptr);
     ASSERT_EQ(KEL_STS_OK, b.status);
-    ASSERT_TRUE(probe.called);
     const float box[6] = {-3, -2, -1, 7, 6, 9};
     EXPECT_EQ(0, std::memcmp(box, probe.box, sizeof box));
-
     ASSERT_EQ(2u, probe.patches.size());
-    const SeenPatch& p0 = probe.patches[0];
+    const SeenPatch &p0 = probe.patches[0], &p1 = probe.patches[1];
     EXPECT_EQ(0, p0.triangle);
     EXPECT_EQ(3, p0.corners);
-    // max x 2, max y 1, max z 0 | min x 0, min y 0, min z 0
-    EXPECT_EQ(2u | 1u << 5, p0.mask);
-    for (int c = 0; c < 3; ++c)
-        EXPECT_EQ(mesh.vertices.data() + 3 * mesh.triangles[size_t(c)], p0.addresses[size_t(c)]);
-    const SeenPatch& p1 = probe.patches[1];
+    EXPECT_EQ(2u | 1u << 5, p0.mask);  // max x 2, max y 1, the rest 0
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(mesh.vertices.data() + 3 * c, p0.addresses[size_t(c)]);
     EXPECT_EQ(1, p1.triangle);
-    EXPECT_EQ(1u, maskField(p1.mask, 15));  // min x: corners 1 and 2 tie
-    EXPECT_EQ(0u, maskField(p1.mask, 0));   // max x
-    EXPECT_EQ(1u, maskField(p1.mask, 20));  // min y
-    EXPECT_EQ(2u, maskField(p1.mask, 5));   // max y
-    EXPECT_EQ(2u, maskField(p1.mask, 25));  // min z
-    EXPECT_EQ(1u, maskField(p1.mask, 10));  // max z
-
+    // max x 0, max y 2, max z 1 | min x 1 (corners 1 and 2 tie), min y 1, min z 2
+    EXPECT_EQ(2u << 5 | 1u << 10 | 1u << 15 | 1u << 20 | 2u << 25, p1.mask);
     // The probe keeps the root one leaf: the patches' triangles in order.
-    kelt::TreeSummary summary;
-    ASSERT_EQ("", kelt::checkTree(b.tree, b.size, 2, &summary));
     EXPECT_EQ(24, b.size);
+    EXPECT_EQ(leafList(b, 2), (std::vector<int32_t>{0, 1}));
     kelrKDTreeFree(b.tree);
     EXPECT_EQ(0, count.liveBlocks());
 }
 
 TEST(PsahPatches, ClippingEmitsCornersAndCrossingsInEdgeOrder) {
-    kelt::Mesh mesh;
-    mesh.addVertex(-1, 0.25f, 0.5f);
-    mesh.addVertex(2, 0.25f, 0.5f);
-    mesh.addVertex(0.5f, 0.75f, 0.5f);
-    mesh.addTriangle(0, 1, 2);
-    mesh.addTriangle(1, 0, 2);  // the same, walked the other way round
+    // The second triangle is the first walked the other way round.
+    kelt::Mesh mesh = meshOf({{-1, 0.25f, 0.5f}, {2, 0.25f, 0.5f}, {0.5f, 0.75f, 0.5f}});
+    mesh.addTriangle(1, 0, 2);
     Build b = build(mesh, kUnitBox);
     ASSERT_EQ(KEL_STS_OK, b.status);
     EXPECT_EQ(0, std::memcmp(kUnitBox, probe.box, sizeof kUnitBox));
     ASSERT_EQ(2u, probe.patches.size());
-
     // Edge 0-1 rises through x = 0 then x = 1; edge 1-2 falls through x = 1;
     // corner 2 is inside; edge 2-0 falls through x = 0. The crossings are
     // interpolated in double and rounded once; y and z cut nothing.
-    const SeenPatch& p = probe.patches[0];
-    const float y12 = float(0.25 + (-1.0 / -1.5) * (0.75 - 0.25));
-    const float y20 = float(0.75 + (-0.5 / -1.5) * (0.25 - 0.75));
-    const std::vector<std::array<float, 3>> expected = {
-        {0, 0.25f, 0.5f}, {1, 0.25f, 0.5f}, {1, y12, 0.5f}, {0.5f, 0.75f, 0.5f}, {0, y20, 0.5f}};
-    ASSERT_EQ(5, p.corners);
-    EXPECT_EQ(expected, p.points);
+    const SeenPatch &p = probe.patches[0], &q = probe.patches[1];
+    const float y12 = float(0.25 + (-1.0 / -1.5) * 0.5), y20 = float(0.75 + (-0.5 / -1.5) * -0.5);
+    EXPECT_EQ(p.points, (std::vector<std::array<float, 3>>{{0, 0.25f, 0.5f},
+                                                           {1, 0.25f, 0.5f},
+                                                           {1, y12, 0.5f},
+                                                           {0.5f, 0.75f, 0.5f},
+                                                           {0, y20, 0.5f}}));
     // Only the surviving mesh corner is referenced in place.
+    for (int c = 0; c < 5; ++c)
+        EXPECT_EQ(c == 3, p.addresses[size_t(c)] >= mesh.vertices.data() &&
+                              p.addresses[size_t(c)] < mesh.vertices.data() + 9)
+            << c;
     EXPECT_EQ(mesh.vertices.data() + 6, p.addresses[3]);
-    for (int c : {0, 1, 2, 4}) {
-        EXPECT_FALSE(p.addresses[size_t(c)] >= mesh.vertices.data() &&
-                     p.addresses[size_t(c)] < mesh.vertices.data() + 9);
-    }
     // Ties on the cut points name the lower index: min x 0 (0, 4 tie),
     // max x 1 (1, 2 tie), min y 0 (0, 1 tie), max y 3, z all equal.
     EXPECT_EQ(1u | 3u << 5, p.mask);
-
     // Reversed: edge 1-0 falls through x = 1 then x = 0; edge 0-2 rises
     // through x = 0; corner 2; edge 2-1 rises through x = 1.
-    const SeenPatch& q = probe.patches[1];
-    const float y02 = float(0.25 + (1.0 / 1.5) * (0.75 - 0.25));
-    const float y21 = float(0.75 + (0.5 / 1.5) * (0.25 - 0.75));
-    const std::vector<std::array<float, 3>> reversed = {
-        {1, 0.25f, 0.5f}, {0, 0.25f, 0.5f}, {0, y02, 0.5f}, {0.5f, 0.75f, 0.5f}, {1, y21, 0.5f}};
+    const float y02 = float(0.25 + (1.0 / 1.5) * 0.5), y21 = float(0.75 + (0.5 / 1.5) * -0.5);
     EXPECT_EQ(1, q.triangle);
-    EXPECT_EQ(reversed, q.points);
+    EXPECT_EQ(q.points, (std::vector<std::array<float, 3>>{{1, 0.25f, 0.5f},
+                                                           {0, 0.25f, 0.5f},
+                                                           {0, y02, 0.5f},
+                                                           {0.5f, 0.75f, 0.5f},
+                                                           {1, y21, 0.5f}}));
     // min x 1 (1, 2 tie), max x 0 (0, 4 tie), min y 0, max y 3.
     EXPECT_EQ(1u << 15 | 3u << 5, q.mask);
     kelrKDTreeFree(b.tree);
 }
 
 TEST(PsahPatches, ClippingKeepsFacesDropsOutsidersAndCutsCornersToNineVertices) {
-    kelt::Mesh mesh;
-    auto add = [&mesh](std::array<float, 3> a, std::array<float, 3> b, std::array<float, 3> c) {
-        const int base = mesh.vertexCount();
-        for (auto& v : {a, b, c}) mesh.addVertex(v[0], v[1], v[2]);
-        mesh.addTriangle(base, base + 1, base + 2);
-    };
-    add({2, 2, 2}, {3, 2, 2}, {2, 3, 2});              // 0: outside
-    add({0, 0, 1}, {1, 0, 1}, {0, 1, 1});              // 1: on the face z = 1
-    add({1.25f, 0.5f, -0.25f}, {0.5f, -0.25f, 1.25f},  // 2: in x + y + z = 1.5,
-        {-0.25f, 1.25f, 0.5f});                        //    round the cube's corners
-    add({-1, -1, 1.0000001f}, {2, -1, 1.0000001f}, {-1, 2, 1.0000001f});       // 3: just above
-    add({0.25f, 0.25f, 0.25f}, {0.75f, 0.25f, 0.25f}, {0.25f, 0.75f, 0.75f});  // 4: inside
-
+    const kelt::Mesh mesh = meshOf({{2, 2, 2},
+                                    {3, 2, 2},
+                                    {2, 3, 2},  // 0: outside
+                                    {0, 0, 1},
+                                    {1, 0, 1},
+                                    {0, 1, 1},  // 1: on the face z = 1
+                                    // 2: in x + y + z = 1.5, round the cube's corners
+                                    {1.25f, 0.5f, -0.25f},
+                                    {0.5f, -0.25f, 1.25f},
+                                    {-0.25f, 1.25f, 0.5f},
+                                    // 3: just above the cube
+                                    {-1, -1, 1.0000001f},
+                                    {2, -1, 1.0000001f},
+                                    {-1, 2, 1.0000001f},
+                                    // 4: inside
+                                    {0.25f, 0.25f, 0.25f},
+                                    {0.75f, 0.25f, 0.25f},
+                                    {0.25f, 0.75f, 0.75f}});
     Build b = build(mesh, kUnitBox);
     ASSERT_EQ(KEL_STS_OK, b.status);
+    EXPECT_EQ(leafList(b, mesh.triangleCount()), (std::vector<int32_t>{1, 2, 4}));
     ASSERT_EQ(3u, probe.patches.size());
-    EXPECT_EQ(1, probe.patches[0].triangle);
     EXPECT_EQ(3, probe.patches[0].corners);
     EXPECT_EQ(mesh.vertices.data() + 9, probe.patches[0].addresses[0]);
-
-    const SeenPatch& corner = probe.patches[1];
-    EXPECT_EQ(2, corner.triangle);
     // Each edge of the triangle cuts off one corner of the hexagon in which
     // the plane meets the cube.
+    const SeenPatch& corner = probe.patches[1];
     ASSERT_EQ(9, corner.corners);
     for (const auto& v : corner.points) {
-        for (float c : v) {
-            EXPECT_GE(c, 0.0f);
-            EXPECT_LE(c, 1.0f);
-        }
+        EXPECT_TRUE(*std::min_element(v.begin(), v.end()) >= 0 &&
+                    *std::max_element(v.begin(), v.end()) <= 1);
         EXPECT_NEAR(1.5, double(v[0]) + v[1] + v[2], 1e-6);
     }
-    EXPECT_EQ(4, probe.patches[2].triangle);
-    kelt::TreeSummary summary;
-    ASSERT_EQ("", kelt::checkTree(b.tree, b.size, mesh.triangleCount(), &summary));
-    ASSERT_EQ(1u, summary.leaves.size());
-    EXPECT_EQ((std::vector<int32_t>{1, 2, 4}),
-              std::vector<int32_t>(summary.leaves[0].list, summary.leaves[0].list + 3));
     kelrKDTreeFree(b.tree);
 }
 
 TEST(PsahPatches, EmptyInputsGiveTheEmptyTreeWithoutOptimising) {
-    kelt::Mesh mesh;
-    mesh.addVertex(5, 5, 5);
-    mesh.addVertex(6, 5, 5);
-    mesh.addVertex(5, 6, 5);
-    mesh.addTriangle(0, 1, 2);
     for (bool excluded : {true, false}) {
+        // None inside the clip box, or no triangles at all.
+        kelt::Mesh mesh = meshOf({{5, 5, 5}, {6, 5, 5}, {5, 6, 5}});
+        if (!excluded) mesh.triangles.clear();
         kelt::AllocationCount count;
-        // No triangles at all, or none inside the clip box.
-        kelt::Mesh input = mesh;
-        if (!excluded) input.triangles.clear();
-        Build b = build(input, excluded ? kUnitBox : nullptr, 64 * kMiB);
+        Build b = build(mesh, excluded ? kUnitBox : nullptr, 64 * kMiB);
         ASSERT_EQ(KEL_STS_OK, b.status);
         EXPECT_FALSE(probe.called);
         ASSERT_EQ(16, b.size);
-        EXPECT_EQ(-16, b.tree[0].link);
-        EXPECT_EQ(0, b.tree[0].data.count);
+        EXPECT_TRUE(b.tree[0].link == -16 && b.tree[0].data.count == 0);
         kelrKDTreeFree(b.tree);
         EXPECT_EQ(0, count.liveBlocks());
     }
 }
 
 TEST(PsahPatches, BudgetRefusalAndEveryFailureReleaseEverything) {
-    kelt::Mesh mesh;
-    mesh.addVertex(0, 0, 0);
-    mesh.addVertex(1, 0, 0);
-    mesh.addVertex(0, 1, 0);
-    mesh.addTriangle(0, 1, 2);
-    const uint32_t need = fixedNeed(3, 1);
+    const kelt::Mesh mesh = meshOf({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}});
+    // The budget below which a build is refused, from the real record sizes.
+    const uint32_t need = 12 * 3 + 48 + 3 * uint32_t(sizeof(kel::PsahPatch)) + (32u << 20) +
+                          uint32_t(sizeof(kel::PsahBuildState)) +
+                          2 * uint32_t(sizeof(kel::PsahChunk));
 #if defined(__i386__)
     EXPECT_EQ(12u * 3 + 84 + 0x20000F4u, need);
 #endif
@@ -284,8 +254,7 @@ TEST(PsahPatches, BudgetRefusalAndEveryFailureReleaseEverything) {
         Build b = build(mesh, c.box, c.budget, c.answer);
         EXPECT_EQ(c.expected, b.status) << "budget " << c.budget;
         // A failed build writes neither output.
-        EXPECT_EQ(c.expected == KEL_STS_OK, b.size > 0);
-        EXPECT_EQ(c.expected == KEL_STS_OK, b.tree != nullptr);
+        EXPECT_EQ(2 * (c.expected == KEL_STS_OK), (b.size > 0) + (b.tree != nullptr));
         kelrKDTreeFree(b.tree);
         EXPECT_EQ(0, count.liveBlocks()) << "budget " << c.budget;
     }

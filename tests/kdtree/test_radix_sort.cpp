@@ -17,18 +17,22 @@ using SortFn = KelStatus (*)(float*, float*, uint32_t);
 const SortFn kBothSorts[] = {ownRadixSortAccend_32f_w7, ownRadixSortAccend_32f_px};
 const float kInf = std::numeric_limits<float>::infinity();
 
+std::vector<uint32_t> bits(const std::vector<float>& v) {
+    std::vector<uint32_t> out;
+    for (float f : v) out.push_back(bitsOf(f));
+    return out;
+}
+
 // Sorts in aligned arrays; the buffer must end up holding the result too.
 std::vector<uint32_t> runSort(SortFn sort, const std::vector<float>& input) {
     const int n = int(input.size());
     float* data = reinterpret_cast<float*>(kelsMalloc_32s(n + 1));
     float* buffer = reinterpret_cast<float*>(kelsMalloc_32s(n + 1));
-    data[0] = 7.0f;
-    buffer[0] = 9.0f;
+    data[0] = 7.0f, buffer[0] = 9.0f;
     std::copy(input.begin(), input.end(), data);
     EXPECT_EQ(sort(data, buffer, uint32_t(n)), KEL_STS_OK);
-    std::vector<uint32_t> out;
-    for (int i = 0; i < n; ++i) out.push_back(bitsOf(data[i]));
-    for (int i = 0; i < n; ++i) EXPECT_EQ(bitsOf(buffer[i]), out[i]) << "buffer at " << i;
+    const std::vector<uint32_t> out = bits(std::vector<float>(data, data + n));
+    EXPECT_EQ(bits(std::vector<float>(buffer, buffer + n)), out) << "buffer";
     if (n == 0) EXPECT_TRUE(data[0] == 7.0f && buffer[0] == 9.0f) << "untouched";
     kelsFree(data);
     kelsFree(buffer);
@@ -40,9 +44,7 @@ std::vector<uint32_t> stableOracle(std::vector<float> v) {
     std::stable_sort(v.begin(), v.end(), [](float a, float b) {
         return a < b || (a == b && std::signbit(a) && !std::signbit(b));
     });
-    std::vector<uint32_t> out;
-    for (float f : v) out.push_back(bitsOf(f));
-    return out;
+    return bits(v);
 }
 
 // Signed zeros, infinities, exact duplicates, and values that share their
@@ -54,20 +56,11 @@ std::vector<float> randomKeys(int n, unsigned seed) {
     const float specials[] = {0.0f, -0.0f, kInf, -kInf, 1.0f, -1.0f};
     std::vector<float> v(n);
     for (int i = 0; i < n; ++i) {
-        switch (rng() % 4) {
-            case 0:
-                v[i] = specials[rng() % 6];
-                break;
-            case 1:
-                v[i] = floatOf(0x3F800000u | (rng() & 0x3FFFFF) | (rng() % 2) << 31);
-                break;
-            case 2:
-                v[i] = i > 0 ? v[rng() % i] : 2.5f;
-                break;
-            default:
-                v[i] = wide(rng);
-                break;
-        }
+        const unsigned kind = rng() % 4;
+        v[i] = kind == 0   ? specials[rng() % 6]
+               : kind == 1 ? floatOf(0x3F800000u | (rng() & 0x3FFFFF) | (rng() % 2) << 31)
+               : kind == 2 ? (i > 0 ? v[rng() % i] : 2.5f)
+                           : wide(rng);
     }
     return v;
 }
@@ -88,9 +81,7 @@ TEST(RadixSort, MatchesStableSortAndTheComparisonSort) {
         for (float& f : v) f = f == 0.0f ? 0.5f : f;
         std::vector<float> compared = v;
         ASSERT_EQ(kelsSortAscend_32f_I(compared.data(), n), KEL_STS_OK);
-        std::vector<uint32_t> expected;
-        for (float f : compared) expected.push_back(bitsOf(f));
-        EXPECT_EQ(runSort(ownRadixSortAccend_32f_w7, v), expected) << "n = " << n;
+        EXPECT_EQ(runSort(ownRadixSortAccend_32f_w7, v), bits(compared)) << "n = " << n;
     }
 }
 
@@ -99,19 +90,12 @@ TEST(RadixSort, MatchesStableSortAndTheComparisonSort) {
 // scalar tail and the plain variant keep the pattern.
 TEST(RadixSort, NanOrderAndTheAcceptedVectorDifference) {
     std::vector<float> v(17, 1.0f);
-    v[3] = floatOf(0xFFFFFFFFu);
-    v[5] = floatOf(0x7FC00000u);
-    v[6] = -kInf;
-    v[7] = kInf;
+    v[3] = floatOf(0xFFFFFFFFu), v[5] = floatOf(0x7FC00000u), v[6] = -kInf, v[7] = kInf;
     v[8] = floatOf(0xFFC00000u);
-    std::vector<uint32_t> plain = runSort(ownRadixSortAccend_32f_px, v);
     std::vector<uint32_t> expected(17, bitsOf(1.0f));
-    expected[0] = 0xFFFFFFFFu;
-    expected[1] = 0xFFC00000u;
-    expected[2] = bitsOf(-kInf);
-    expected[15] = bitsOf(kInf);
-    expected[16] = 0x7FC00000u;
-    EXPECT_EQ(plain, expected);
+    expected[0] = 0xFFFFFFFFu, expected[1] = 0xFFC00000u, expected[2] = bitsOf(-kInf);
+    expected[15] = bitsOf(kInf), expected[16] = 0x7FC00000u;
+    EXPECT_EQ(runSort(ownRadixSortAccend_32f_px, v), expected);
     expected[0] = 0x80000000u;
     EXPECT_EQ(runSort(ownRadixSortAccend_32f_w7, v), expected);
     EXPECT_EQ(runSort(ownRadixSortAccend_32f_w7, {floatOf(0xFFFFFFFFu)})[0], 0xFFFFFFFFu);
