@@ -78,16 +78,7 @@ TEST(HitPoint, EachPathKeepsItsOwnRounding) {
 // A mesh with random per-triangle and per-vertex normals, and hit records for
 // a block of rays, with groups on one triangle and groups that hit nothing.
 struct NormalBlock {
-    NormalBlock(int n, int stride)
-        : n(n),
-          stride(stride),
-          hitTriangle(n),
-          u(n),
-          v(n),
-          normal(n),
-          triangleNormals(120),
-          vertexNormals(90),
-          indices(stride * 40) {
+    NormalBlock(int rays, int step) : n(rays), stride(step) {
         kelt::Random random(41);
         random.fill(triangleNormals, -1.0f, 1.0f);
         random.fill(vertexNormals, -1.0f, 1.0f);
@@ -126,11 +117,11 @@ struct NormalBlock {
     }
 
     int n, stride;
-    Plane<int> hitTriangle;
-    Plane<float> u, v;
-    Triple normal;
-    Plane<float> triangleNormals, vertexNormals;
-    Plane<int> indices;
+    Plane<int> hitTriangle{n};
+    Plane<float> u{n}, v{n};
+    Triple normal{n};
+    Plane<float> triangleNormals{120}, vertexNormals{90};
+    Plane<int> indices{stride * 40};
 };
 
 TEST(SurfFlatNormal, CopiesTheTriangleNormalOnEveryPath) {

@@ -34,6 +34,14 @@ void addWall(TestScene* s, float at, float lo = 0.0f, float hi = 1.0f) {
     s->addTriangle(a, b, c);
 }
 
+// A finished scene of walls at the given x, all covering [lo, hi].
+TestScene walls(std::vector<float> xs, float lo = 0.0f, float hi = 1.0f) {
+    TestScene s;
+    for (float x : xs) addWall(&s, x, lo, hi);
+    s.finish();
+    return s;
+}
+
 struct Result {
     KelStatus status;
     std::vector<int> id, mask;
@@ -82,9 +90,7 @@ Result occluded(const TestScene& s, const KDTreeNode* tree, const V3& light,
 }
 
 TEST(IntersectEdges, MissesKeepTheirInputsAndZeroDistanceNeverHits) {
-    TestScene s;
-    addWall(&s, 0.5f);
-    s.finish();
+    const TestScene s = walls({0.5f});
     const PackedTree tree(*kelt::singleLeaf(1));
     // toward the wall; away from it; distance 0; zero direction; too short
     const std::vector<V3> dirs = {{1, 0, 0}, {-1, 0, 0}, {1, 0, 0}, {0, 0, 0}, {1, 0, 0}};
@@ -106,9 +112,7 @@ TEST(IntersectEdges, MissesKeepTheirInputsAndZeroDistanceNeverHits) {
 // not move; rays from many origins must start strictly inside it; shadow
 // segments ignore the box altogether.
 TEST(IntersectEdges, SlabsOfZeroDirectionComponents) {
-    TestScene s;
-    addWall(&s, 0.5f, -1.0f, 2.0f);
-    s.finish();
+    const TestScene s = walls({0.5f}, -1.0f, 2.0f);
     const float unitBox[6] = {0, 0, 0, 1, 1, 1};
     const PackedTree tree(*kelt::singleLeaf(1));
     const V3 aboveBox = {-1.0f, 1.5f, 0.5f}, onMinY = {-1.0f, 0.0f, 0.5f},
@@ -119,15 +123,11 @@ TEST(IntersectEdges, SlabsOfZeroDirectionComponents) {
     EXPECT_EQ((std::vector<int>{-1, -1, 0}), mo.id);
     EXPECT_EQ(1.5f, mo.t[2]);
     const Result any = occluded(s, tree.root(), aboveBox, {{2, 0, 0}}, {0});
-    EXPECT_EQ(0, any.id[0]);
-    EXPECT_EQ(-1, any.mask[0]);
+    EXPECT_TRUE(any.id[0] == 0 && any.mask[0] == -1);
 }
 
 TEST(IntersectEdges, MultipleOriginDistanceLimits) {
-    TestScene s;
-    addWall(&s, 4.999995f, -1.0f, 1.0f);
-    addWall(&s, 4.9999f, -1.0f, 1.0f);
-    s.finish();
+    const TestScene s = walls({4.999995f, 4.9999f}, -1.0f, 1.0f);
     // Each wall alone, so that the margin below the entry distance decides.
     for (int wall : {0, 1}) {
         const PackedTree tree(*TreeNode::leaf({wall}));
@@ -163,9 +163,7 @@ TEST(IntersectEdges, RayThroughAVertexHits) {
     for (const V3& corner : {V3{1, 0, 0}, V3{0, 1, 0}, V3{0, 0, 0}}) {
         const V3 from = {corner[0], corner[1], 1.0f};
         const Result r = nearest(s, s.box, tree.root(), {from}, {{0, 0, -1}}, {kFar});
-        EXPECT_EQ(0, r.id[0]);
-        EXPECT_EQ(corner[0], r.u[0]);
-        EXPECT_EQ(corner[1], r.v[0]);
+        EXPECT_TRUE(r.id[0] == 0 && r.u[0] == corner[0] && r.v[0] == corner[1]) << r.u[0];
         EXPECT_EQ(0, occluded(s, tree.root(), from, {{0, 0, -2}}, {0}).id[0]);
     }
 }
@@ -173,9 +171,7 @@ TEST(IntersectEdges, RayThroughAVertexHits) {
 // Walls at x = 0.25, 0.8, 0.1, 0.6, and two copies of one at 0.7. Trees that
 // file triangles in the wrong cell show which cells a ray visits.
 TEST(IntersectEdges, TraversalOrderAndEarlyTermination) {
-    TestScene s;
-    for (float x : {0.25f, 0.8f, 0.1f, 0.6f, 0.7f, 0.7f}) addWall(&s, x, -1.0f, 1.0f);
-    s.finish();
+    const TestScene s = walls({0.25f, 0.8f, 0.1f, 0.6f, 0.7f, 0.7f}, -1.0f, 1.0f);
     auto split = [](float at, std::vector<int> below, std::vector<int> above) {
         return PackedTree(*TreeNode::inner(0, at, TreeNode::leaf(below), TreeNode::leaf(above)));
     };
@@ -213,9 +209,7 @@ PackedTree chainTree(int depth, const std::vector<int>& triangles) {
 }
 
 TEST(IntersectEdges, TraversalStackHoldsFiftyDeferredChildren) {
-    TestScene s;
-    addWall(&s, 0.25f);
-    s.finish();
+    const TestScene s = walls({0.25f});
     const float box[6] = {0, 0, 0, 1, 1, 1};
     // Ray 0 turns away from the plane (no deferral) and hits; ray 1 defers
     // one child per level; ray 2 must stay untouched after an overflow.
@@ -228,13 +222,9 @@ TEST(IntersectEdges, TraversalStackHoldsFiftyDeferredChildren) {
         const std::vector<int> ids =
             depth == 50 ? std::vector<int>{0, 0, 0} : std::vector<int>{0, -1, 99};
         const Result mo = nearest(s, box, tree.root(), origins, dirs, {kFar, kFar, kFar});
-        EXPECT_EQ(want, mo.status);
-        EXPECT_EQ(ids, mo.id);
-        EXPECT_EQ(0.15f, mo.t[0]);
-        const Result eye = nearest(s, box, tree.root(), {origins[1]}, {dirs[1]}, {kFar});
-        EXPECT_EQ(want, eye.status);
-        const Result any = occluded(s, tree.root(), origins[1], {dirs[1]}, {0});
-        EXPECT_EQ(want, any.status);
+        EXPECT_TRUE(want == mo.status && ids == mo.id && mo.t[0] == 0.15f) << mo.status;
+        EXPECT_EQ(want, nearest(s, box, tree.root(), {origins[1]}, {dirs[1]}, {kFar}).status);
+        EXPECT_EQ(want, occluded(s, tree.root(), origins[1], {dirs[1]}, {0}).status);
 
         // Rays from many origins at or below 1.1920929e-6 are not walked at
         // all; 2e-6 is walked (and overflows), though it cannot hit.
@@ -244,8 +234,7 @@ TEST(IntersectEdges, TraversalStackHoldsFiftyDeferredChildren) {
                                   .status);
         const Result walked = nearest(s, box, tree.root(), {nearPlane, nearPlane},
                                       {dirs[1], dirs[1]}, {2e-6f, 2e-6f});
-        EXPECT_EQ(want, walked.status);
-        EXPECT_EQ(-1, walked.id[0]);
+        EXPECT_TRUE(want == walked.status && walked.id[0] == -1) << walked.status;
     }
 }
 
@@ -254,9 +243,7 @@ TEST(IntersectEdges, TraversalStackHoldsFiftyDeferredChildren) {
 // status, so the status tells which path a call took. Each per-ray plane
 // of a query, misaligned alone, must send it down the scalar path.
 TEST(IntersectEdges, DispatchByBlockShapeAndAlignment) {
-    TestScene s;
-    addWall(&s, 0.25f);
-    s.finish();
+    const TestScene s = walls({0.25f});
     const float box[6] = {0, 0, 0, 1, 1, 1};
     const PackedTree tree = chainTree(51, {0});
     const IntersectContext ctx{box, s.accel.data(), tree.root()};
@@ -296,9 +283,7 @@ TEST(IntersectEdges, DispatchByBlockShapeAndAlignment) {
 // Blocks without rays write nothing, on either path (width 0 or -4 with
 // aligned planes and 4 rows takes the four-ray path).
 TEST(IntersectEdges, EmptyBlocks) {
-    TestScene s;
-    addWall(&s, 0.5f);
-    s.finish();
+    const TestScene s = walls({0.5f});
     const PackedTree tree(*kelt::singleLeaf(1));
     const IntersectContext ctx = s.context(tree.root());
     Planes3 dir(4, 1.0f), hits(4);
@@ -313,11 +298,7 @@ TEST(IntersectEdges, EmptyBlocks) {
                   kelrIntersectMO_32f(dir.p, dir.p, dist.data(), hits.p, id.data(), &ctx, w, h));
         EXPECT_EQ(KEL_STS_OK, kelrIntersectAnySO_32f(o, dir.p, id.data(), mask.data(), w, h, &ctx));
     }
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(9, id[i]);
-        EXPECT_EQ(0, mask[i]);
-        EXPECT_EQ(kFar, dist[i]);
-    }
+    for (int i = 0; i < 4; ++i) EXPECT_TRUE(id[i] == 9 && mask[i] == 0 && dist[i] == kFar) << i;
 }
 
 // Eye rays of very different lengths, and one whose direction is not a
@@ -338,30 +319,24 @@ TEST(IntersectEdges, UndefinedEyeRayHidesNoHits) {
     Planes3 dir(16), hit(16), scalarHit(16);
     Plane<float> dist(16, kFar), scalarDist(16, kFar);
     Plane<int> id(16), scalarId(16);
-    for (int i = 0; i < 16; ++i) {
-        const float d[3] = {toward[0] * scale[i % 4], toward[1] * scale[i % 4],
-                            toward[2] * scale[i % 4]};
-        dir.set(i, d);
-    }
+    for (int i = 0; i < 16; ++i)
+        for (int a = 0; a < 3; ++a) dir.p[a][i] = toward[a] * scale[i % 4];
     ASSERT_EQ(KEL_STS_OK,
               kelrIntersectEyeSO_32f(eye, dir.p, dist.data(), hit.p, id.data(), &ctx, 4, 4));
     ASSERT_EQ(KEL_STS_OK,
               ownIntersectEyeBlock(eye, dir.p, s.box, s.accel.data(), tree.root(),
                                    scalarDist.data(), scalarHit.p, scalarId.data(), 4, 4));
-    for (int i = 0; i < 16; ++i) {
-        EXPECT_EQ(i % 4 == 1 ? -1 : 0, scalarId[i]) << i;
-        EXPECT_EQ(scalarId[i], id[i]) << i;
-        EXPECT_EQ(scalarDist[i], dist[i]) << i;
-    }
+    for (int i = 0; i < 16; ++i)
+        EXPECT_TRUE(scalarId[i] == (i % 4 == 1 ? -1 : 0) && id[i] == scalarId[i] &&
+                    dist[i] == scalarDist[i])
+            << i << ": " << id[i] << " at " << dist[i] << ", scalar " << scalarId[i];
 }
 
 // The 4x1 kernels trace only the lanes of their lane set (the shadow kernel
 // only those whose mask entry is >= 0); the other lanes keep every output.
 // Every traced ray meets both walls, the later-listed one first.
 TEST(IntersectEdges, FourRayKernelsLeaveOtherLanesAlone) {
-    TestScene s;
-    for (float x : {0.8f, 0.6f}) addWall(&s, x, -1.0f, 1.0f);
-    s.finish();
+    const TestScene s = walls({0.8f, 0.6f}, -1.0f, 1.0f);
     const PackedTree tree(*kelt::singleLeaf(2));
     const float eye[3] = {0.4f, 0.1f, 0.1f};
     Planes3 origin(4), dir(4);
@@ -386,19 +361,22 @@ TEST(IntersectEdges, FourRayKernelsLeaveOtherLanesAlone) {
                                      dist.data(), hit.p, id.data(), lanes);
             for (int i = 0; i < 4; ++i) {
                 const bool traced = lanes >> i & 1;
-                EXPECT_EQ(traced ? 1 : 99, id[i]) << i;
-                EXPECT_NEAR(traced ? 0.2f : 123.0f, dist[i], 1e-6f) << i;
-                EXPECT_EQ(traced, hit.x[i] != 7.0f && hit.y[i] != 7.0f) << i;
+                EXPECT_TRUE(id[i] == (traced ? 1 : 99) &&
+                            std::fabs(dist[i] - (traced ? 0.2f : 123.0f)) < 1e-6f &&
+                            traced == (hit.x[i] != 7.0f && hit.y[i] != 7.0f))
+                    << i << ": " << id[i] << " at " << dist[i];
             }
         }
         Plane<int> id(4, 99), mask(4, 3);
         mask[1] = -2;
         ownIntersectAnyBlock4x1(eye, dir.p, s.accel.data(), tree.root(), id.data(), mask.data(),
                                 lanes);
-        for (int i = 0; i < 4; ++i) {
+        for (int i = 0; i < 4; ++i) {  // traced lanes name the first occluder listed
             const bool traced = (lanes >> i & 1) && i != 1;
-            EXPECT_EQ(traced ? 0 : 99, id[i]) << i;  // the first occluder listed
-            EXPECT_EQ(traced ? -1 : i == 1 ? -2 : 3, mask[i]) << i;
+            EXPECT_TRUE(id[i] == (traced ? 0 : 99) && mask[i] == (traced   ? -1
+                                                                  : i == 1 ? -2
+                                                                           : 3))
+                << i << ": " << id[i] << ", mask " << mask[i];
         }
     }
 }

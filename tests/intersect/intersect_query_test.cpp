@@ -331,11 +331,9 @@ TEST(IntersectQueries, TilesShadowedByTheCachedOccluder) {
     st.build(true);
     const float light[3] = {0.5f, 5.0f, 0.5f};
     Planes3 dir(kRays);
-    for (int i = 0; i < kRays; ++i) {
-        const float d[3] = {float(i % kW) / kW - light[0], -1.0f - light[1],
-                            float(i / kW) / kH - light[2]};
-        dir.set(i, d);
-    }
+    for (int i = 0; i < kRays; ++i)
+        dir.x[i] = float(i % kW) / kW - light[0], dir.y[i] = -1.0f - light[1],
+        dir.z[i] = float(i / kW) / kH - light[2];
     for (auto& [treeName, tree] : st.trees) {
         SCOPED_TRACE(treeName);
         const IntersectContext context = st.scene.context(tree);
@@ -343,10 +341,8 @@ TEST(IntersectQueries, TilesShadowedByTheCachedOccluder) {
         for (int i = 0; i < kRays; ++i) mask[i] = i % 13 == 0 ? -1 : 0;
         ASSERT_EQ(KEL_STS_OK,
                   kelrIntersectAnySO_32f(light, dir.p, id.data(), mask.data(), kW, kH, &context));
-        for (int i = 0; i < kRays; ++i) {
-            ASSERT_EQ(-1, mask[i]) << i;
-            ASSERT_EQ(i % 13 == 0 ? -1 : 0, id[i]) << i;
-        }
+        for (int i = 0; i < kRays; ++i)
+            ASSERT_TRUE(mask[i] == -1 && id[i] == (i % 13 == 0 ? -1 : 0)) << i << ": " << id[i];
     }
 }
 
