@@ -70,8 +70,9 @@ class BuildEntry : public ::testing::Test {
 KDTreeBuildContext simple(int depth = 10) {
     return KDTreeBuildContext{KDT_BUILD_SIMPLE, depth, 0.5f, 64, nullptr};
 }
-KDTreeBuildContext psah(int depth = 10, float weight = 0.5f, uint32_t memoryMiB = 64) {
-    return KDTreeBuildContext{KDT_BUILD_PSAH, depth, weight, memoryMiB, nullptr};
+KDTreeBuildContext psah(int depth = 10, float weight = 0.5f, uint32_t memoryMiB = 64,
+                        const float* clip = nullptr) {
+    return KDTreeBuildContext{KDT_BUILD_PSAH, depth, weight, memoryMiB, clip};
 }
 
 // Every output and mesh pointer first (even for the simple build), then the
@@ -79,53 +80,43 @@ KDTreeBuildContext psah(int depth = 10, float weight = 0.5f, uint32_t memoryMiB 
 TEST_F(BuildEntry, PointersThenCountsThenContext) {
     KDTreeBuildContext good = simple(), unknown = simple(), unknownDeep = simple(99);
     unknown.algorithm = unknownDeep.algorithm = 0x12345678;
+    // Null pointers: 1 the tree, 2 the vertices, 4 the triangles, 8 the size.
     const struct {
-        bool outputs, vertices, triangles, size;
-        int vertexCount, triangleCount;
+        int nulls, vertexCount, triangleCount;
         const KDTreeBuildContext* context;
         KelStatus expected;
-    } cases[] = {
-        {false, true, true, true, 3, 1, nullptr, KEL_STS_NULL_PTR},
-        {true, false, true, true, 3, 1, &good, KEL_STS_NULL_PTR},
-        {true, true, false, true, 3, 1, &good, KEL_STS_NULL_PTR},
-        {true, true, true, false, 3, 1, &good, KEL_STS_NULL_PTR},
-        {false, true, true, true, -1, -1, &unknown, KEL_STS_NULL_PTR},
-        {true, true, true, true, 3, -1, nullptr, KEL_STS_SIZE},
-        {true, true, true, true, -1, 1, nullptr, KEL_STS_SIZE},
-        {true, true, true, true, INT32_MIN, 0, &unknown, KEL_STS_SIZE},
-        {true, true, true, true, 3, 1, nullptr, KEL_STS_NULL_PTR},
-        {true, true, true, true, 3, 1, &unknown, KEL_STS_BAD_ARG},
-        {true, true, true, true, 3, 1, &unknownDeep, KEL_STS_BAD_ARG},
-    };
+    } cases[] = {{1, 3, 1, nullptr, KEL_STS_NULL_PTR},    {2, 3, 1, &good, KEL_STS_NULL_PTR},
+                 {4, 3, 1, &good, KEL_STS_NULL_PTR},      {8, 3, 1, &good, KEL_STS_NULL_PTR},
+                 {1, -1, -1, &unknown, KEL_STS_NULL_PTR}, {0, 3, -1, nullptr, KEL_STS_SIZE},
+                 {0, -1, 1, nullptr, KEL_STS_SIZE},       {0, INT32_MIN, 0, &unknown, KEL_STS_SIZE},
+                 {0, 3, 1, nullptr, KEL_STS_NULL_PTR},    {0, 3, 1, &unknown, KEL_STS_BAD_ARG},
+                 {0, 3, 1, &unknownDeep, KEL_STS_BAD_ARG}};
     for (const auto& c : cases) {
         tree = kUntouched;
         size = -77;
         const KelStatus status =
-            kelrKDTreeBuildAlloc(c.outputs ? &tree : nullptr, c.vertices ? vertices : nullptr,
-                                 c.triangles ? triangles : nullptr, c.vertexCount, c.triangleCount,
-                                 c.size ? &size : nullptr, c.context);
+            kelrKDTreeBuildAlloc(c.nulls & 1 ? nullptr : &tree, c.nulls & 2 ? nullptr : vertices,
+                                 c.nulls & 4 ? nullptr : triangles, c.vertexCount, c.triangleCount,
+                                 c.nulls & 8 ? nullptr : &size, c.context);
         EXPECT_TRUE(failed(status, c.expected)) << &c - cases;
     }
 }
 
 TEST_F(BuildEntry, DepthWeightAndBudgetChecks) {
-    for (int depth : {-1, 51, INT32_MIN, INT32_MAX}) {
-        KDTreeBuildContext s = simple(depth), p = psah(depth);
-        EXPECT_TRUE(failed(build(&s), KEL_STS_OUT_OF_RANGE)) << depth;
-        EXPECT_TRUE(failed(build(&p), KEL_STS_OUT_OF_RANGE)) << depth;
-    }
+    std::vector<std::pair<KDTreeBuildContext, KelStatus>> cases;
+    for (int depth : {-1, 51, INT32_MIN, INT32_MAX})
+        cases.insert(cases.end(),
+                     {{simple(depth), KEL_STS_OUT_OF_RANGE}, {psah(depth), KEL_STS_OUT_OF_RANGE}});
     // The weight is checked before the budget: out of range, not out of memory.
-    for (float weight : {-1e-30f, -1.0f, 1.0000001f, 2.0f, float(NAN), float(-NAN), INFINITY}) {
-        KDTreeBuildContext context = psah(10, weight, 0);
-        EXPECT_TRUE(failed(build(&context), KEL_STS_OUT_OF_RANGE)) << weight;
-    }
+    for (float weight : {-1e-30f, -1.0f, 1.0000001f, 2.0f, float(NAN), float(-NAN), INFINITY})
+        cases.push_back({psah(10, weight, 0), KEL_STS_OUT_OF_RANGE});
     // The budget check uses MiB << 19 in 32 bits, so 8192 MiB wraps to
     // nothing and 8192 + 31 to less than the minimum. 32 MiB passes it and is
     // refused by the builder's own fixed need before anything is allocated.
-    for (uint32_t mib : {0u, 1u, 31u, 8192u, 8192u + 31u, 0x80000000u, 32u}) {
-        KDTreeBuildContext context = psah(10, 0.5f, mib);
-        EXPECT_TRUE(failed(build(&context), KEL_STS_NO_MEM)) << mib;
-    }
+    for (uint32_t mib : {0u, 1u, 31u, 8192u, 8192u + 31u, 0x80000000u, 32u})
+        cases.push_back({psah(10, 0.5f, mib), KEL_STS_NO_MEM});
+    for (size_t k = 0; k < cases.size(); ++k)
+        EXPECT_TRUE(failed(build(&cases[k].first), cases[k].second)) << "case " << k;
     // The limits of the accepted ranges reach the builders.
     for (float weight : {0.0f, -0.0f, 1.0f})
         for (int depth : {0, 50}) {
@@ -144,10 +135,8 @@ TEST_F(BuildEntry, PsahBuildFollowsTheContext) {
     const float apart[6] = {5, 5, 5, 6, 6, 6};
     long long listed[4];
     int sizes[4];
-    const KDTreeBuildContext contexts[4] = {{KDT_BUILD_PSAH, 0, 1.0f, 128, nullptr},
-                                            {KDT_BUILD_PSAH, 20, 0.0f, 128, nullptr},
-                                            {KDT_BUILD_PSAH, 20, 1.0f, 128, nullptr},
-                                            {KDT_BUILD_PSAH, 20, 1.0f, 128, apart}};
+    const KDTreeBuildContext contexts[4] = {psah(0, 1.0f, 128), psah(20, 0.0f, 128),
+                                            psah(20, 1.0f, 128), psah(20, 1.0f, 128, apart)};
     for (int k = 0; k < 4; ++k) {
         ASSERT_EQ(build(&contexts[k], mesh.triangleCount(), mesh.vertexCount(),
                         mesh.vertices.data(), mesh.triangles.data()),

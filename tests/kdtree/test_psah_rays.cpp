@@ -225,16 +225,9 @@ void compareQueries(const Scene& s) {
                                        reinterpret_cast<const KDTreeNode*>(s.oneLeaf.data())};
             run(q, psah, eye, block[0], block[1], origin, dir, &got);
             run(q, oneLeaf, eye, block[0], block[1], origin, dir, &want);
-            int compared = 0, faults = 0;
-            std::string first;
+            int compared = 0, faults = 0, first = 0;
             for (int i = 0; i < block[0] * block[1]; ++i) {
-                auto fault = [&] {
-                    if (faults++ == 0)
-                        first = "ray " + std::to_string(i) + ": tree " + std::to_string(got.id[i]) +
-                                " at " + std::to_string(got.distance[i]) + ", one leaf " +
-                                std::to_string(want.id[i]) + " at " +
-                                std::to_string(want.distance[i]);
-                };
+                auto fault = [&] { first = faults++ ? first : i; };
                 float o[3] = {eye[0], eye[1], eye[2]}, d[3];
                 if (q == Query::MultipleOrigin) origin.get(i, o);
                 dir.get(i, d);
@@ -264,7 +257,9 @@ void compareQueries(const Scene& s) {
                 if (got.id[i] < 0 || want.id[i] < 0 || std::fabs(double(t) - wantT) > slack)
                     fault();
             }
-            EXPECT_EQ(0, faults) << first;
+            EXPECT_EQ(0, faults) << "first at ray " << first << ": tree " << got.id[first] << " at "
+                                 << got.distance[first] << ", one leaf " << want.id[first] << " at "
+                                 << want.distance[first];
             // Enough rays are comparable for the check to mean something.
             if (s.clipped) EXPECT_GT(compared, block[0] * block[1] / 20);
         }

@@ -45,62 +45,11 @@ struct TreeSummary {
     }
 };
 
-namespace detail {
-
 inline double halfArea(const float* box) {
     const double dx = double(box[3]) - box[0], dy = double(box[4]) - box[1],
                  dz = double(box[5]) - box[2];
     return dx * dy + dy * dz + dz * dx;
 }
-
-struct TreeWalk {
-    const char* block;
-    int size;
-    bool boxes;
-    double rootArea;
-    int nextPair = 16;
-    std::vector<int32_t> leafOffsets;  // byte offset of each leaf's list
-    TreeSummary* summary;
-    std::string error;
-
-    bool fail(const char* what, int offset) {
-        error = std::string(what) + " (node at byte " + std::to_string(offset) + ")";
-        return false;
-    }
-
-    bool walk(int offset, int depth, const float* box) {
-        // Readers keep at most 50 deferred children.
-        if (depth > 50) return fail("deeper than 50 levels", offset);
-        int32_t word0, word1;
-        std::memcpy(&word0, block + offset, 4), std::memcpy(&word1, block + offset + 4, 4);
-        const double area = boxes ? halfArea(box) / rootArea : 0;
-        if (word0 < 0) {
-            if (word0 & 3) return fail("leaf distance not a multiple of 4", offset);
-            if (word1 < 0) return fail("negative leaf count", offset);
-            leafOffsets.push_back(offset - word0);
-            summary->leaves.push_back(TreeLeaf{depth, word1, nullptr});
-            summary->listed += word1;
-            summary->sahCost += area * word1;
-            summary->maxDepth = std::max(summary->maxDepth, depth);
-            return true;
-        }
-        const int axis = word0 & 3;
-        if (axis == 3) return fail("inner node with axis 3", offset);
-        if (word0 & 4) return fail("inner node with bit 2 set", offset);
-        const int pair = offset + (word0 & ~7);
-        if (pair != nextPair) return fail("child pair out of pre-order", offset);
-        if (pair + 16 > size) return fail("child pair beyond the block", offset);
-        nextPair += 16;
-        ++summary->innerNodes;
-        summary->sahCost += area;
-        float below[6], above[6];
-        std::memcpy(below, box, sizeof below), std::memcpy(above, box, sizeof above);
-        std::memcpy(&below[axis + 3], &word1, 4), std::memcpy(&above[axis], &word1, 4);
-        return walk(pair, depth + 1, below) && walk(pair + 8, depth + 1, above);
-    }
-};
-
-}  // namespace detail
 
 // Checks the block of `size` bytes; "" when it is a well-formed tree over
 // `triangleCount` triangles, else what is wrong. With a root box, the
@@ -114,20 +63,54 @@ inline std::string checkTree(const KDTreeNode* tree, int size, int triangleCount
     static const char zeros[8] = {};
     if (std::memcmp(block + 8, zeros, 8) != 0) return "words 2 and 3 are not zero";
 
-    detail::TreeWalk walk{
-        block, size,   rootBox != nullptr, rootBox ? detail::halfArea(rootBox) : 0.0, 16,
-        {},    summary};
+    const double rootArea = rootBox ? halfArea(rootBox) : 0.0;
+    int nextPair = 16;
+    std::vector<int32_t> leafOffsets;  // byte offset of each leaf's list
+    std::string error;
+    auto walk = [&](auto& self, int offset, int depth, const float* box) -> bool {
+        auto fail = [&](const char* what) {
+            error = std::string(what) + " (node at byte " + std::to_string(offset) + ")";
+            return false;
+        };
+        // Readers keep at most 50 deferred children.
+        if (depth > 50) return fail("deeper than 50 levels");
+        int32_t word0, word1;
+        std::memcpy(&word0, block + offset, 4), std::memcpy(&word1, block + offset + 4, 4);
+        const double area = rootBox ? halfArea(box) / rootArea : 0;
+        if (word0 < 0) {
+            if (word0 & 3) return fail("leaf distance not a multiple of 4");
+            if (word1 < 0) return fail("negative leaf count");
+            leafOffsets.push_back(offset - word0);
+            summary->leaves.push_back(TreeLeaf{depth, word1, nullptr});
+            summary->listed += word1;
+            summary->sahCost += area * word1;
+            summary->maxDepth = std::max(summary->maxDepth, depth);
+            return true;
+        }
+        const int axis = word0 & 3, pair = offset + (word0 & ~7);
+        if (axis == 3) return fail("inner node with axis 3");
+        if (word0 & 4) return fail("inner node with bit 2 set");
+        if (pair != nextPair) return fail("child pair out of pre-order");
+        if (pair + 16 > size) return fail("child pair beyond the block");
+        nextPair += 16;
+        ++summary->innerNodes;
+        summary->sahCost += area;
+        float below[6], above[6];
+        std::memcpy(below, box, sizeof below), std::memcpy(above, box, sizeof above);
+        std::memcpy(&below[axis + 3], &word1, 4), std::memcpy(&above[axis], &word1, 4);
+        return self(self, pair, depth + 1, below) && self(self, pair + 8, depth + 1, above);
+    };
     float box[6] = {};
     if (rootBox) std::memcpy(box, rootBox, sizeof box);
-    if (!walk.walk(0, 0, box)) return walk.error;
+    if (!walk(walk, 0, 0, box)) return error;
 
     const long long nodes = 1 + 2LL * summary->innerNodes;
     if (16 + 8 * (nodes - 1) + 4 * summary->listed != size)
         return "size differs from 16 + 8 x (nodes - 1) + 4 x entries";
-    int expected = walk.nextPair;  // the lists start right after the last pair
+    int expected = nextPair;  // the lists start right after the last pair
     for (size_t k = 0; k < summary->leaves.size(); ++k) {
         TreeLeaf& leaf = summary->leaves[k];
-        if (walk.leafOffsets[k] != expected)
+        if (leafOffsets[k] != expected)
             return "leaf list " + std::to_string(k) + " not at byte " + std::to_string(expected);
         if (expected + 4LL * leaf.count > size) return "leaf lists run past the reported size";
         leaf.list = reinterpret_cast<const int32_t*>(block + expected);
