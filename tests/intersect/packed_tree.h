@@ -93,26 +93,18 @@ class MedianSplitBuilder {
     MedianSplitBuilder(const float* vertices, const int* triangles, int count, int leafSize,
                        int maxDepth)
         : leafSize_(leafSize), maxDepth_(maxDepth), bounds_(size_t(count)) {
-        for (int t = 0; t < count; ++t) {
-            Bounds& b = bounds_[t];
+        for (int t = 0; t < count; ++t)
             for (int a = 0; a < 3; ++a) {
-                b.lo[a] = 3.4e38f;
-                b.hi[a] = -3.4e38f;
+                const float* v = vertices + a;
+                const float x = v[3 * triangles[4 * t]], y = v[3 * triangles[4 * t + 1]],
+                            z = v[3 * triangles[4 * t + 2]];
+                bounds_[t].lo[a] = std::min({x, y, z});
+                bounds_[t].hi[a] = std::max({x, y, z});
             }
-            for (int c = 0; c < 3; ++c)
-                for (int a = 0; a < 3; ++a) {
-                    const float x = vertices[3 * triangles[4 * t + c] + a];
-                    b.lo[a] = std::min(b.lo[a], x);
-                    b.hi[a] = std::max(b.hi[a], x);
-                }
-        }
     }
 
     std::unique_ptr<TreeNode> build(const float box[6]) {
-        std::vector<int> all(bounds_.size());
-        for (size_t i = 0; i < all.size(); ++i) all[i] = int(i);
-        float lo[3] = {box[0], box[1], box[2]}, hi[3] = {box[3], box[4], box[5]};
-        return split(std::move(all), lo, hi, 0);
+        return split(singleLeaf(int(bounds_.size()))->triangles, box, box + 3, 0);
     }
 
   private:
