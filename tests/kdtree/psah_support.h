@@ -51,12 +51,11 @@ inline Mesh randomSoup(unsigned seed, int triangleCount) {
             for (int a = 0; a < 3; ++a) p[1][a] = p[2][a] = p[0][a];
             p[1][b] = onGrid();
             p[2][c] = onGrid();
-        } else if (kind == 3) {  // degenerate
-            const int variant = (i / 6) % 3;
+        } else if (kind == 3) {  // degenerate: a repeated corner, collinear, a point
             for (int a = 0; a < 3; ++a) {
-                if (variant == 0) p[1][a] = p[0][a];
-                if (variant == 1) p[2][a] = 0.5f * (p[0][a] + p[1][a]);
-                if (variant == 2) p[1][a] = p[2][a] = p[0][a];
+                if (axis == 1) p[2][a] = 0.5f * (p[0][a] + p[1][a]);
+                if (axis != 1) p[1][a] = p[0][a];
+                if (axis == 2) p[2][a] = p[0][a];
             }
         }
         const int base = mesh.vertexCount();
@@ -76,13 +75,11 @@ inline std::vector<int32_t> oneLeafTree(int triangleCount) {
 
 // Componentwise bounds of the vertices, as floats.
 inline void vertexBounds(const Mesh& mesh, float box[6]) {
-    for (int a = 0; a < 3; ++a) box[a] = box[a + 3] = mesh.vertices[size_t(a)];
-    for (int i = 1; i < mesh.vertexCount(); ++i)
-        for (int a = 0; a < 3; ++a) {
-            const float v = mesh.vertices[size_t(3 * i + a)];
-            box[a] = v < box[a] ? v : box[a];
-            box[a + 3] = v > box[a + 3] ? v : box[a + 3];
-        }
+    for (int k = 0; k < 3 * mesh.vertexCount(); ++k) {
+        const float v = mesh.vertices[size_t(k)];
+        box[k % 3] = k < 3 || v < box[k % 3] ? v : box[k % 3];
+        box[k % 3 + 3] = k < 3 || v > box[k % 3 + 3] ? v : box[k % 3 + 3];
+    }
 }
 
 }  // namespace kelt

@@ -21,6 +21,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -113,53 +114,6 @@ int missingFromLeaves(const KDTreeNode* tree, const kelt::Mesh& mesh, const floa
     return misses;
 }
 
-struct Scene {
-    std::string name;
-    kelt::Mesh mesh;
-    std::vector<TriangleAccel> accel;
-    float box[6];      // the mesh's bounds
-    float clipBox[6];  // equal to box when not clipped
-    bool clipped = false;
-    KDTreeNode* psah = nullptr;
-    std::vector<int32_t> oneLeaf;
-
-    ~Scene() { kelrKDTreeFree(psah); }
-
-    bool insideClip(const float p[3]) const {
-        for (int a = 0; a < 3; ++a) {
-            const float margin = 1e-3f * (clipBox[a + 3] - clipBox[a]);
-            if (!(p[a] > clipBox[a] + margin && p[a] < clipBox[a + 3] - margin)) return false;
-        }
-        return true;
-    }
-};
-
-// Builds and checks the scene's PSAH tree.
-void prepare(Scene* s, const float* clipBox, int maxDepth, float weight) {
-    const kelt::Mesh& m = s->mesh;
-    const int n = m.triangleCount();
-    s->accel.assign(size_t(n), TriangleAccel{});
-    kelrTriangleAccelInit(s->accel.data(), m.vertices.data(), m.triangles.data(), n);
-    kelt::vertexBounds(m, s->box);
-    s->clipped = clipBox != nullptr;
-    std::copy(clipBox ? clipBox : s->box, (clipBox ? clipBox : s->box) + 6, s->clipBox);
-    s->oneLeaf = kelt::oneLeafTree(n);
-    const KDTreeBuildContext context = {KDT_BUILD_PSAH, maxDepth, weight,
-                                        kelt::psahBudgetMiB(m.vertexCount(), n), clipBox};
-    int size = 0;
-    ASSERT_EQ(KEL_STS_OK, kelrKDTreeBuildAlloc(&s->psah, m.vertices.data(), m.triangles.data(),
-                                               m.vertexCount(), n, &size, &context));
-    kelt::TreeSummary summary;
-    ASSERT_EQ("", kelt::checkTree(s->psah, size, n, &summary));
-    EXPECT_LE(summary.maxDepth, maxDepth);
-    EXPECT_GT(summary.innerNodes, 0);
-    // A node holds at most one patch of a triangle; uncut, every patch
-    // reaches some leaf.
-    EXPECT_FALSE(summary.duplicateInLeaf);
-    if (!clipBox) EXPECT_TRUE(kelt::listsEveryTriangle(summary, n));
-    EXPECT_EQ(0, missingFromLeaves(s->psah, m, s->clipBox));
-}
-
 constexpr int kRays = 64 * 32;
 using oracle::Query;
 
@@ -186,16 +140,55 @@ void run(Query q, const IntersectContext& context, const float eye[3], int width
             : kelrIntersectMO_32f(origin.p, dir.p, d, out->hit.p, id, &context, width, height));
 }
 
-// Eye rays towards random points in the box (from outside it, or from inside
-// a clip box, where the hits are comparable), rays from random points in
-// random directions, or segments from a light inside the box to random
-// points in it. Each is compared with the one-leaf tree on an aligned block,
-// then on a scalar one over the first rays again, fewer on large meshes as
-// the reference tests every triangle.
-void compareQueries(const Scene& s) {
+// Builds and checks the PSAH tree of the mesh (cut to the clip box when one
+// is given), then compares its query answers.
+void checkScene(const std::string& name, const kelt::Mesh& m, const float* clipBox, int maxDepth,
+                float weight) {
+    SCOPED_TRACE(name);
+    const int n = m.triangleCount();
+    std::vector<TriangleAccel> accel(size_t(n), TriangleAccel{});
+    kelrTriangleAccelInit(accel.data(), m.vertices.data(), m.triangles.data(), n);
+    float box[6], clip[6];
+    kelt::vertexBounds(m, box);
+    const bool clipped = clipBox != nullptr;
+    std::copy(clipped ? clipBox : box, (clipped ? clipBox : box) + 6, clip);
+    const std::vector<int32_t> oneLeafTree = kelt::oneLeafTree(n);
+    const KDTreeBuildContext context = {KDT_BUILD_PSAH, maxDepth, weight,
+                                        kelt::psahBudgetMiB(m.vertexCount(), n), clipBox};
+    KDTreeNode* tree = nullptr;
+    int size = 0;
+    ASSERT_EQ(KEL_STS_OK, kelrKDTreeBuildAlloc(&tree, m.vertices.data(), m.triangles.data(),
+                                               m.vertexCount(), n, &size, &context));
+    std::unique_ptr<KDTreeNode, void (*)(KDTreeNode*)> owner(tree, kelrKDTreeFree);
+    kelt::TreeSummary summary;
+    ASSERT_EQ("", kelt::checkTree(tree, size, n, &summary));
+    EXPECT_LE(summary.maxDepth, maxDepth);
+    EXPECT_GT(summary.innerNodes, 0);
+    // A node holds at most one patch of a triangle; uncut, every patch
+    // reaches some leaf.
+    EXPECT_FALSE(summary.duplicateInLeaf);
+    if (!clipBox) EXPECT_TRUE(kelt::listsEveryTriangle(summary, n));
+    EXPECT_EQ(0, missingFromLeaves(tree, m, clip));
+
+    auto insideClip = [&](const float p[3]) {
+        for (int a = 0; a < 3; ++a) {
+            const float margin = 1e-3f * (clip[a + 3] - clip[a]);
+            if (!(p[a] > clip[a] + margin && p[a] < clip[a + 3] - margin)) return false;
+        }
+        return true;
+    };
+    const IntersectContext psah = {clip, accel.data(), tree},
+                           oneLeaf = {box, accel.data(),
+                                      reinterpret_cast<const KDTreeNode*>(oneLeafTree.data())};
+    // Eye rays towards random points in the box (from outside it, or from inside
+    // a clip box, where the hits are comparable), rays from random points in
+    // random directions, or segments from a light inside the box to random
+    // points in it. Each is compared with the one-leaf tree on an aligned block,
+    // then on a scalar one over the first rays again, fewer on large meshes as
+    // the reference tests every triangle.
     kelt::Planes3 origin{kRays}, dir{kRays};
     Results got, want;
-    const bool large = s.mesh.triangleCount() > 10000;
+    const bool large = n > 10000;
     const int blocks[2][2] = {{large ? 32 : 64, large ? 16 : 32},
                               {large ? 29 : 61, large ? 5 : 13}};
     const char* names[] = {"eye", "multiple origin", "any"};
@@ -203,11 +196,11 @@ void compareQueries(const Scene& s) {
         std::mt19937 rng(1234u + unsigned(q));
         std::uniform_real_distribution<float> unit(0.0f, 1.0f);
         std::normal_distribution<float> normal(0.0f, 1.0f);
-        const float* b = s.clipBox;
+        const float* b = clip;
         float eye[3];
         for (int a = 0; a < 3; ++a)
-            eye[a] = q == Query::Eye && !s.clipped
-                         ? s.box[a] + (s.box[a + 3] - s.box[a]) * (a == 1 ? 0.6f : 1.9f)
+            eye[a] = q == Query::Eye && !clipped
+                         ? box[a] + (box[a + 3] - box[a]) * (a == 1 ? 0.6f : 1.9f)
                          : b[a] + (b[a + 3] - b[a]) * (0.4f + 0.1f * float(a));
         for (int i = 0; i < kRays; ++i) {
             float p[3], d[3];
@@ -218,11 +211,7 @@ void compareQueries(const Scene& s) {
             dir.set(i, d);
         }
         for (const auto& block : blocks) {
-            SCOPED_TRACE(s.name + ", " + names[int(q)] + ", width " + std::to_string(block[0]));
-            const IntersectContext psah = {s.clipBox, s.accel.data(), s.psah},
-                                   oneLeaf = {
-                                       s.box, s.accel.data(),
-                                       reinterpret_cast<const KDTreeNode*>(s.oneLeaf.data())};
+            SCOPED_TRACE(std::string(names[int(q)]) + ", width " + std::to_string(block[0]));
             run(q, psah, eye, block[0], block[1], origin, dir, &got);
             run(q, oneLeaf, eye, block[0], block[1], origin, dir, &want);
             int compared = 0, faults = 0, first = 0;
@@ -233,7 +222,7 @@ void compareQueries(const Scene& s) {
                 dir.get(i, d);
                 if (q == Query::Any) {
                     const float end[3] = {o[0] + d[0], o[1] + d[1], o[2] + d[2]};
-                    if (s.clipped && !s.insideClip(end)) continue;
+                    if (clipped && !insideClip(end)) continue;
                     ++compared;
                     if (got.mask[i] != want.mask[i]) fault();
                     continue;
@@ -241,12 +230,12 @@ void compareQueries(const Scene& s) {
                 const float t = got.distance[i], wantT = want.distance[i];
                 const double slack =
                     oracle::margin(q) + 2 * std::ldexp(std::fabs(double(wantT)), -23);
-                if (s.clipped) {
+                if (clipped) {
                     // Reported hits come from a subset of the triangles' parts.
                     if (got.id[i] >= 0 && (want.id[i] < 0 || double(t) < wantT - slack)) fault();
                     const float p[3] = {o[0] + wantT * d[0], o[1] + wantT * d[1],
                                         o[2] + wantT * d[2]};
-                    if (want.id[i] < 0 || !s.insideClip(p)) continue;
+                    if (want.id[i] < 0 || !insideClip(p)) continue;
                 }
                 ++compared;
                 if (got.id[i] == want.id[i] &&
@@ -261,7 +250,7 @@ void compareQueries(const Scene& s) {
                                  << got.distance[first] << ", one leaf " << want.id[first] << " at "
                                  << want.distance[first];
             // Enough rays are comparable for the check to mean something.
-            if (s.clipped) EXPECT_GT(compared, block[0] * block[1] / 20);
+            if (clipped) EXPECT_GT(compared, block[0] * block[1] / 20);
         }
     }
 }
@@ -270,24 +259,15 @@ void compareQueries(const Scene& s) {
 TEST(PsahTrees, AreSoundAndAnswerRaysAsTheOneLeafTree) {
     if (kelt::sharedMeshDir().empty())
         std::printf("shared meshes absent: checking the random soups only\n");
-    auto check = [](const std::string& name, kelt::Mesh mesh, const float* clip, int depth,
-                    float weight) {
-        Scene s;
-        s.name = name;
-        s.mesh = std::move(mesh);
-        SCOPED_TRACE(name);
-        prepare(&s, clip, depth, weight);
-        if (!::testing::Test::HasFatalFailure()) compareQueries(s);
-    };
     for (const char* file : {"stanford-bunny.obj", "teapot.obj", "fandisk.obj"}) {
         kelt::Mesh mesh;
-        if (kelt::loadSharedMesh(file, &mesh)) check(file, std::move(mesh), nullptr, 50, 0.5f);
+        if (kelt::loadSharedMesh(file, &mesh)) checkScene(file, mesh, nullptr, 50, 0.5f);
     }
-    check("soup 1", kelt::randomSoup(21, 3000), nullptr, 30, 1.0f);
-    check("soup 2", kelt::randomSoup(22, 3000), nullptr, 20, 0.0f);
-    check("soup 3", kelt::randomSoup(3, 3000), nullptr, 50, 0.5f);
+    checkScene("soup 1", kelt::randomSoup(21, 3000), nullptr, 30, 1.0f);
+    checkScene("soup 2", kelt::randomSoup(22, 3000), nullptr, 20, 0.0f);
+    checkScene("soup 3", kelt::randomSoup(3, 3000), nullptr, 50, 0.5f);
     const float soupBox[6] = {0.15f, 0.2f, 0.3f, 0.7f, 0.85f, 0.65f};
-    check("clipped soup", kelt::randomSoup(23, 3000), soupBox, 50, 0.5f);
+    checkScene("clipped soup", kelt::randomSoup(23, 3000), soupBox, 50, 0.5f);
     kelt::Mesh bunny;
     if (kelt::loadSharedMesh("stanford-bunny.obj", &bunny)) {
         float box[6], clip[6];
@@ -295,7 +275,7 @@ TEST(PsahTrees, AreSoundAndAnswerRaysAsTheOneLeafTree) {
         for (int a = 0; a < 3; ++a)
             clip[a] = box[a] + 0.25f * (box[a + 3] - box[a]),
             clip[a + 3] = box[a] + 0.75f * (box[a + 3] - box[a]);
-        check("clipped bunny", std::move(bunny), clip, 50, 0.5f);
+        checkScene("clipped bunny", bunny, clip, 50, 0.5f);
     }
 }
 
