@@ -82,11 +82,17 @@ Build build(const kelt::Mesh& mesh, const float* clipBox, uint32_t budget = 128 
 }
 
 // The vertices, and a triangle over each three in turn.
-kelt::Mesh meshOf(std::vector<std::array<float, 3>> vertices) {
+kelt::Mesh meshOf(std::vector<float> xyz) {
     kelt::Mesh mesh;
-    for (const auto& v : vertices) mesh.addVertex(v[0], v[1], v[2]);
+    for (size_t k = 0; k + 2 < xyz.size(); k += 3) mesh.addVertex(xyz[k], xyz[k + 1], xyz[k + 2]);
     for (int k = 0; k + 2 < mesh.vertexCount(); k += 3) mesh.addTriangle(k, k + 1, k + 2);
     return mesh;
+}
+
+std::vector<float> flat(const std::vector<std::array<float, 3>>& points) {
+    std::vector<float> out;
+    for (const auto& p : points) out.insert(out.end(), p.begin(), p.end());
+    return out;
 }
 
 // The triangle list of a one-leaf tree.
@@ -102,7 +108,7 @@ TEST(PsahPatches, WholeTrianglesReferenceTheMeshAndNameTheLowestExtremeVertex) {
     // triangle 1 ties on min x between corners 1 and 2 only. The last vertex
     // is used by no triangle and still widens the build box.
     const kelt::Mesh mesh =
-        meshOf({{0, 0, 2}, {0, 1, 2}, {1, 0, 2}, {1, 5, 0}, {-3, 4, 1}, {-3, 6, -1}, {7, -2, 9}});
+        meshOf({0, 0, 2, 0, 1, 2, 1, 0, 2, 1, 5, 0, -3, 4, 1, -3, 6, -1, 7, -2, 9});
     kelt::AllocationCount count;
     Build b = build(mesh, nullptr);
     ASSERT_EQ(KEL_STS_OK, b.status);
@@ -126,7 +132,7 @@ TEST(PsahPatches, WholeTrianglesReferenceTheMeshAndNameTheLowestExtremeVertex) {
 
 TEST(PsahPatches, ClippingEmitsCornersAndCrossingsInEdgeOrder) {
     // The second triangle is the first walked the other way round.
-    kelt::Mesh mesh = meshOf({{-1, 0.25f, 0.5f}, {2, 0.25f, 0.5f}, {0.5f, 0.75f, 0.5f}});
+    kelt::Mesh mesh = meshOf({-1, 0.25f, 0.5f, 2, 0.25f, 0.5f, 0.5f, 0.75f, 0.5f});
     mesh.addTriangle(1, 0, 2);
     Build b = build(mesh, kUnitBox);
     ASSERT_EQ(KEL_STS_OK, b.status);
@@ -137,11 +143,8 @@ TEST(PsahPatches, ClippingEmitsCornersAndCrossingsInEdgeOrder) {
     // interpolated in double and rounded once; y and z cut nothing.
     const SeenPatch &p = probe.patches[0], &q = probe.patches[1];
     const float y12 = float(0.25 + (-1.0 / -1.5) * 0.5), y20 = float(0.75 + (-0.5 / -1.5) * -0.5);
-    EXPECT_EQ(p.points, (std::vector<std::array<float, 3>>{{0, 0.25f, 0.5f},
-                                                           {1, 0.25f, 0.5f},
-                                                           {1, y12, 0.5f},
-                                                           {0.5f, 0.75f, 0.5f},
-                                                           {0, y20, 0.5f}}));
+    EXPECT_EQ(flat(p.points), (std::vector<float>{0, 0.25f, 0.5f, 1, 0.25f, 0.5f, 1, y12, 0.5f,
+                                                  0.5f, 0.75f, 0.5f, 0, y20, 0.5f}));
     // Only the surviving mesh corner is referenced in place.
     for (int c = 0; c < 5; ++c)
         EXPECT_EQ(c == 3, p.addresses[size_t(c)] >= mesh.vertices.data() &&
@@ -155,35 +158,22 @@ TEST(PsahPatches, ClippingEmitsCornersAndCrossingsInEdgeOrder) {
     // through x = 0; corner 2; edge 2-1 rises through x = 1.
     const float y02 = float(0.25 + (1.0 / 1.5) * 0.5), y21 = float(0.75 + (0.5 / 1.5) * -0.5);
     EXPECT_EQ(1, q.triangle);
-    EXPECT_EQ(q.points, (std::vector<std::array<float, 3>>{{1, 0.25f, 0.5f},
-                                                           {0, 0.25f, 0.5f},
-                                                           {0, y02, 0.5f},
-                                                           {0.5f, 0.75f, 0.5f},
-                                                           {1, y21, 0.5f}}));
+    EXPECT_EQ(flat(q.points), (std::vector<float>{1, 0.25f, 0.5f, 0, 0.25f, 0.5f, 0, y02, 0.5f,
+                                                  0.5f, 0.75f, 0.5f, 1, y21, 0.5f}));
     // min x 1 (1, 2 tie), max x 0 (0, 4 tie), min y 0, max y 3.
     EXPECT_EQ(1u << 15 | 3u << 5, q.mask);
     kelrKDTreeFree(b.tree);
 }
 
 TEST(PsahPatches, ClippingKeepsFacesDropsOutsidersAndCutsCornersToNineVertices) {
-    const kelt::Mesh mesh = meshOf({{2, 2, 2},
-                                    {3, 2, 2},
-                                    {2, 3, 2},  // 0: outside
-                                    {0, 0, 1},
-                                    {1, 0, 1},
-                                    {0, 1, 1},  // 1: on the face z = 1
-                                    // 2: in x + y + z = 1.5, round the cube's corners
-                                    {1.25f, 0.5f, -0.25f},
-                                    {0.5f, -0.25f, 1.25f},
-                                    {-0.25f, 1.25f, 0.5f},
-                                    // 3: just above the cube
-                                    {-1, -1, 1.0000001f},
-                                    {2, -1, 1.0000001f},
-                                    {-1, 2, 1.0000001f},
-                                    // 4: inside
-                                    {0.25f, 0.25f, 0.25f},
-                                    {0.75f, 0.25f, 0.25f},
-                                    {0.25f, 0.75f, 0.75f}});
+    // 0 outside; 1 on the face z = 1; 2 in x + y + z = 1.5, round the cube's
+    // corners; 3 just above the cube; 4 inside.
+    const kelt::Mesh mesh =
+        meshOf({2,     2,     2,          3,     2,      2,          2,      3,     2,
+                0,     0,     1,          1,     0,      1,          0,      1,     1,
+                1.25f, 0.5f,  -0.25f,     0.5f,  -0.25f, 1.25f,      -0.25f, 1.25f, 0.5f,
+                -1,    -1,    1.0000001f, 2,     -1,     1.0000001f, -1,     2,     1.0000001f,
+                0.25f, 0.25f, 0.25f,      0.75f, 0.25f,  0.25f,      0.25f,  0.75f, 0.75f});
     Build b = build(mesh, kUnitBox);
     ASSERT_EQ(KEL_STS_OK, b.status);
     EXPECT_EQ(leafList(b, mesh.triangleCount()), (std::vector<int32_t>{1, 2, 4}));
@@ -205,7 +195,7 @@ TEST(PsahPatches, ClippingKeepsFacesDropsOutsidersAndCutsCornersToNineVertices) 
 TEST(PsahPatches, EmptyInputsGiveTheEmptyTreeWithoutOptimising) {
     for (bool excluded : {true, false}) {
         // None inside the clip box, or no triangles at all.
-        kelt::Mesh mesh = meshOf({{5, 5, 5}, {6, 5, 5}, {5, 6, 5}});
+        kelt::Mesh mesh = meshOf({5, 5, 5, 6, 5, 5, 5, 6, 5});
         if (!excluded) mesh.triangles.clear();
         kelt::AllocationCount count;
         Build b = build(mesh, excluded ? kUnitBox : nullptr, 64 * kMiB);
@@ -219,7 +209,7 @@ TEST(PsahPatches, EmptyInputsGiveTheEmptyTreeWithoutOptimising) {
 }
 
 TEST(PsahPatches, BudgetRefusalAndEveryFailureReleaseEverything) {
-    const kelt::Mesh mesh = meshOf({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}});
+    const kelt::Mesh mesh = meshOf({0, 0, 0, 1, 0, 0, 0, 1, 0});
     // The budget below which a build is refused, from the real record sizes.
     const uint32_t need = 12 * 3 + 48 + 3 * uint32_t(sizeof(kel::PsahPatch)) + (32u << 20) +
                           uint32_t(sizeof(kel::PsahBuildState)) +
