@@ -435,6 +435,40 @@ KelStatus traceNearestTiles(Kernels& kernels, const float* const direction[3], i
     return KEL_STS_OK;
 }
 
+// The nearest-hit drivers' kernels, called on rays numbered from the start of
+// the block. Origin is the shared origin (three floats) of eye rays or the
+// origin planes of rays with an origin each; the two kernels take it as such.
+template <typename Origin, auto kTrace4x2, auto kTrace4x1>
+struct NearestKernels {
+    Origin origin;
+    const float* const* direction;
+    const float* box;
+    const TriangleAccel* accel;
+    const KDTreeNode* tree;
+    float* distance;
+    float* const* hit;
+    int* id;
+    int width;
+
+    // Every ray of an eye block starts at the one origin; only planes advance.
+    struct SharedOrigin {
+        const float* p;
+    };
+    static SharedOrigin originAt(const float* shared, int) { return {shared}; }
+    static PlanesAt<3, const float> originAt(const float* const* planes, int first) {
+        return planesAt<3>(planes, first);
+    }
+
+    void trace4x2(int first) {
+        kTrace4x2(originAt(origin, first).p, planesAt<3>(direction, first).p, box, accel, tree,
+                  distance + first, planesAt<2>(hit, first).p, id + first, width);
+    }
+    void trace4x1(int first, int lanes) {
+        kTrace4x1(originAt(origin, first).p, planesAt<3>(direction, first).p, box, accel, tree,
+                  distance + first, planesAt<2>(hit, first).p, id + first, lanes);
+    }
+};
+
 // The rays of the tile at `first` whose mask entry is >= 0.
 inline int tracedRays(const int* pMask, int first, int width) {
     int rays = 0;

@@ -241,28 +241,6 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
     return status;
 }
 
-// The driver's kernels, on rays numbered from the start of the block.
-struct EyeKernels {
-    const float* origin;
-    const float* const* direction;
-    const float* box;
-    const TriangleAccel* accel;
-    const KDTreeNode* tree;
-    float* distance;
-    float* const* hit;
-    int* id;
-    int width;
-
-    void trace4x2(int first) {
-        ownIntersectEyeBlock4x2(origin, planesAt<3>(direction, first).p, box, accel, tree,
-                                distance + first, planesAt<2>(hit, first).p, id + first, width);
-    }
-    void trace4x1(int first, int lanes) {
-        ownIntersectEyeBlock4x1(origin, planesAt<3>(direction, first).p, box, accel, tree,
-                                distance + first, planesAt<2>(hit, first).p, id + first, lanes);
-    }
-};
-
 }  // namespace
 
 extern "C" {
@@ -290,8 +268,8 @@ KEL_API KelStatus ownIntersectEyeBlock4_w7(const float origin[3], const float* c
                                            const KDTreeNode* pTree, float* pDistance,
                                            float* const hit[2], int* pTriangleId, int width,
                                            int height) {
-    EyeKernels kernels{origin,    direction, pSceneBox,   pAccel, pTree,
-                       pDistance, hit,       pTriangleId, width};
+    kel::packet::NearestKernels<const float*, ownIntersectEyeBlock4x2, ownIntersectEyeBlock4x1>
+        kernels{origin, direction, pSceneBox, pAccel, pTree, pDistance, hit, pTriangleId, width};
     return kel::packet::traceNearestTiles(kernels, direction, pTriangleId, width, height);
 }
 

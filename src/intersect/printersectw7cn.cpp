@@ -124,29 +124,6 @@ KelStatus traceOwnOriginRays(const float* const origin[3], const float* const di
     return status;
 }
 
-struct OwnOriginKernels {
-    const float* const* origin;
-    const float* const* direction;
-    const float* box;
-    const TriangleAccel* accel;
-    const KDTreeNode* tree;
-    float* distance;
-    float* const* hit;
-    int* id;
-    int width;
-
-    void trace4x2(int first) {
-        ownIntersectBlock4x2(planesAt<3>(origin, first).p, planesAt<3>(direction, first).p, box,
-                             accel, tree, distance + first, planesAt<2>(hit, first).p, id + first,
-                             width);
-    }
-    void trace4x1(int first, int lanes) {
-        ownIntersectBlock4x1(planesAt<3>(origin, first).p, planesAt<3>(direction, first).p, box,
-                             accel, tree, distance + first, planesAt<2>(hit, first).p, id + first,
-                             lanes);
-    }
-};
-
 }  // namespace
 
 extern "C" {
@@ -175,8 +152,8 @@ KEL_API KelStatus ownIntersectBlock4_w7(const float* const origin[3],
                                         const TriangleAccel* pAccel, const KDTreeNode* pTree,
                                         float* pDistance, float* const hit[2], int* pTriangleId,
                                         int width, int height) {
-    OwnOriginKernels kernels{origin,    direction, pSceneBox,   pAccel, pTree,
-                             pDistance, hit,       pTriangleId, width};
+    kel::packet::NearestKernels<const float* const*, ownIntersectBlock4x2, ownIntersectBlock4x1>
+        kernels{origin, direction, pSceneBox, pAccel, pTree, pDistance, hit, pTriangleId, width};
     return kel::packet::traceNearestTiles(kernels, direction, pTriangleId, width, height);
 }
 
