@@ -124,6 +124,15 @@ inline long double magnitude(long double x) {
     return __builtin_fabsl(x);
 }
 
+// The dominant axis k of a record's normal and the axes u, v of the plane it
+// is projected onto, as packed in its axis code.
+struct ProjectionAxes {
+    int k, u, v;
+};
+inline ProjectionAxes projectionAxes(const TriangleAccel& rec) {
+    return {int(rec.axes >> 4) & 3, int(rec.axes >> 2) & 3, int(rec.axes) & 3};
+}
+
 // Tests the ray o + t r against one record and accepts 0 < t < tMax. The
 // barycentric weights are computed scaled by the denominator, so the only
 // division on the way to a decision is the one giving t. A single non-zero
@@ -133,9 +142,8 @@ inline long double magnitude(long double x) {
 template <typename Real>
 inline bool intersectTriangle(const TriangleAccel& rec, const Real o[3], const Real r[3], Real tMax,
                               const TriangleTestLimits<Real>& limits, TriangleHit<Real>* hit) {
-    const uint32_t axes = rec.axes;
-    if (axes == 0) return false;
-    const int k = (axes >> 4) & 3, u = (axes >> 2) & 3, v = axes & 3;
+    if (rec.axes == 0) return false;
+    const auto [k, u, v] = projectionAxes(rec);
     const Real nu = rec.nu, nv = rec.nv;
     const Real denom = r[k] + nu * r[u] + nv * r[v];
     if (magnitude(denom) < limits.parallelBelow) return false;

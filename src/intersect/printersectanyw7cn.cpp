@@ -46,9 +46,8 @@ struct SegmentRays {
         for (int i = 0; i < count; ++i) {
             const int n = triangles[i];
             const TriangleAccel& rec = accel[n];
-            const uint32_t axes = rec.axes;
-            if (axes == 0) continue;
-            const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
+            if (rec.axes == 0) continue;
+            const auto [k, a, b] = kel::projectionAxes(rec);
             const kel::packet::SharedOriginTerms rel =
                 kel::packet::sharedOriginTerms(rec, k, a, b, origin);
             int found = 0;
@@ -153,9 +152,8 @@ struct NearestOccluder {
         for (int i = 0; i < count; ++i) {
             const int n = triangles[i];
             const TriangleAccel& rec = accel[n];
-            const uint32_t axes = rec.axes;
-            if (axes == 0 || n == nearest) continue;
-            const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
+            if (rec.axes == 0 || n == nearest) continue;
+            const auto [k, a, b] = kel::projectionAxes(rec);
             const kel::packet::SharedOriginTerms rel =
                 kel::packet::sharedOriginTerms(rec, k, a, b, origin);
             const __m128 denom = kel::packet::planeDenominator(rec, k, a, b, direction);
@@ -244,9 +242,8 @@ KEL_API void ownIntersectOccluder4x4(const float origin[3], const float* const d
                                      const TriangleAccel* pAccel, int triangle, int* pTriangleId,
                                      int* pMask, int width) {
     const TriangleAccel& rec = pAccel[triangle];
-    const uint32_t axes = rec.axes;
-    if (axes == 0) return;
-    const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
+    if (rec.axes == 0) return;
+    const auto [k, a, b] = kel::projectionAxes(rec);
     const kel::packet::SharedOriginTerms rel = kel::packet::sharedOriginTerms(rec, k, a, b, origin);
     for (int row = 0; row < 4; ++row) {
         const int first = row * width;

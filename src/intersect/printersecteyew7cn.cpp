@@ -134,9 +134,8 @@ struct EyeRays : kel::packet::NearestLanes<Quads> {
         for (int i = 0; i < count; ++i) {
             const int n = triangles[i];
             const TriangleAccel& rec = accel[n];
-            const uint32_t axes = rec.axes;
-            if (axes == 0) continue;
-            const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
+            if (rec.axes == 0) continue;
+            const auto [k, a, b] = kel::projectionAxes(rec);
             const SieveTerms rel = sieveTerms(rec, k, a, b);
             int sifted = 0;
             for (int q = 0; q < Quads; ++q) {

@@ -64,9 +64,8 @@ struct OwnOriginRays : kel::packet::NearestLanes<Quads> {
         for (int i = 0; i < count; ++i) {
             const int n = triangles[i];
             const TriangleAccel& rec = accel[n];
-            const uint32_t axes = rec.axes;
-            if (axes == 0) continue;
-            const int k = (axes >> 4) & 3, a = (axes >> 2) & 3, b = axes & 3;
+            if (rec.axes == 0) continue;
+            const auto [k, a, b] = kel::projectionAxes(rec);
             for (int q = 0; q < Quads; ++q) {
                 const int quad = kel::packet::quadLanes(lanes, q);
                 if (quad) testQuad(rec, n, k, a, b, q, quad);
