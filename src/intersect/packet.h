@@ -315,6 +315,22 @@ KelStatus traverse(Query& query, const KDTreeNode* root, const __m128* tNearIn,
     }
 }
 
+// Narrows each lane's interval to one slab, except on lanes whose direction
+// component is too small to invert: the scalar walks skip that slab.
+inline void narrowToSlab(__m128 tiny, __m128 t1, __m128 t2, __m128* entry, __m128* exit) {
+    *entry = select(tiny, *entry, _mm_max_ps(_mm_min_ps(t2, t1), *entry));
+    *exit = select(tiny, *exit, _mm_min_ps(_mm_max_ps(t1, t2), *exit));
+}
+
+// Sets quad q's walking interval from its clipped one, the far end extended
+// as the scalar walks extend it; returns the quad's lanes that still cross
+// the box, as bits of the packet's lane set.
+inline int startInterval(__m128 entry, __m128 exit, int quad, int q, __m128* tNear, __m128* tFar) {
+    tNear[q] = entry;
+    tFar[q] = _mm_add_ps(exit, _mm_set1_ps(kFarExtension));
+    return (quad & ~_mm_movemask_ps(_mm_cmpgt_ps(entry, exit))) << (4 * q);
+}
+
 // Walks the `live` lanes in groups that share the scalar walk's order on
 // every axis (`negative`: per axis, the lanes that walk towards lower
 // coordinates). Lanes of one octant form one group, except that a tiny
@@ -335,6 +351,18 @@ KelStatus traverseByOrder(Query& query, const int negative[3], const KDTreeNode*
         if (walk != KEL_STS_OK) status = walk;
         live &= ~group;
     }
+    return status;
+}
+
+// The nearest-hit kernels' last step: walk the lanes that cross the box, then
+// write back every lane loaded (the others unchanged).
+template <class Rays>
+KelStatus traceAndStore(Rays& rays, const KDTreeNode* tree, const __m128* tNear, const __m128* tFar,
+                        int live, float* pDistance, float* const hit[2], int* pTriangleId,
+                        int width) {
+    const KelStatus status =
+        live ? traverseByOrder(rays, rays.negative, tree, tNear, tFar, live) : KEL_STS_OK;
+    rays.store(pDistance, hit, pTriangleId, width);
     return status;
 }
 

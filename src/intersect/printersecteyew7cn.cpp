@@ -219,12 +219,9 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
                 select(tiny, _mm_set1_ps(kel::kEyeZeroInverse), _mm_div_ps(_mm_set1_ps(1.0f), r));
             const __m128 t1 = _mm_div_ps(_mm_set1_ps(lo[a]), r);
             const __m128 t2 = _mm_div_ps(_mm_set1_ps(hi[a]), r);
-            entry = select(tiny, entry, _mm_max_ps(_mm_min_ps(t2, t1), entry));
-            exit = select(tiny, exit, _mm_min_ps(_mm_max_ps(t1, t2), exit));
+            kel::packet::narrowToSlab(tiny, t1, t2, &entry, &exit);
         }
-        tNear[q] = entry;
-        tFar[q] = _mm_add_ps(exit, _mm_set1_ps(kel::kFarExtension));
-        live |= (quad & ~_mm_movemask_ps(_mm_cmpgt_ps(entry, exit))) << (4 * q);
+        live |= kel::packet::startInterval(entry, exit, quad, q, tNear, tFar);
     }
     for (int a = 0; a < 3; ++a) {
         rays.largestComponent[a] = 0.0f;
@@ -233,11 +230,8 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
                 rays.largestComponent[a] =
                     largest(rays.largestComponent[a], __builtin_fabsf(rays.laneDirection[a][lane]));
     }
-    const KelStatus status =
-        live ? kel::packet::traverseByOrder(rays, rays.negative, pTree, tNear, tFar, live)
-             : KEL_STS_OK;
-    rays.store(pDistance, hit, pTriangleId, width);
-    return status;
+    return kel::packet::traceAndStore(rays, pTree, tNear, tFar, live, pDistance, hit, pTriangleId,
+                                      width);
 }
 
 }  // namespace

@@ -109,18 +109,12 @@ KelStatus traceOwnOriginRays(const float* const origin[3], const float* const di
             rays.inverse[q][a] = select(tiny, _mm_set1_ps(kel::kZeroInverse), inverse);
             const __m128 t1 = _mm_mul_ps(_mm_sub_ps(lo, o), inverse);
             const __m128 t2 = _mm_mul_ps(_mm_sub_ps(hi, o), inverse);
-            entry = select(tiny, entry, _mm_max_ps(_mm_min_ps(t2, t1), entry));
-            exit = select(tiny, exit, _mm_min_ps(_mm_max_ps(t1, t2), exit));
+            kel::packet::narrowToSlab(tiny, t1, t2, &entry, &exit);
         }
-        tNear[q] = entry;
-        tFar[q] = _mm_add_ps(exit, _mm_set1_ps(kel::kFarExtension));
-        live |= (quad & ~_mm_movemask_ps(_mm_cmpgt_ps(entry, exit))) << (4 * q);
+        live |= kel::packet::startInterval(entry, exit, quad, q, tNear, tFar);
     }
-    const KelStatus status =
-        live ? kel::packet::traverseByOrder(rays, rays.negative, pTree, tNear, tFar, live)
-             : KEL_STS_OK;
-    rays.store(pDistance, hit, pTriangleId, width);
-    return status;
+    return kel::packet::traceAndStore(rays, pTree, tNear, tFar, live, pDistance, hit, pTriangleId,
+                                      width);
 }
 
 }  // namespace
