@@ -1,13 +1,16 @@
 # The two commands a newcomer runs: `make test` and `make demo`.
 ARCHS := i386 x86_64
 JOBS ?= $(shell nproc)
+# Package lists, each beside the build files that need it. Configuring the
+# tree reaches the tests and the renderer, so every build needs those lists.
+CONFIGURE_PACKAGES := packages.txt tests/packages.txt apps/render/packages.txt
 
 .PHONY: test build deps demo bench clean $(ARCHS:%=build-%) $(ARCHS:%=test-%)
 
 test: deps $(ARCHS:%=test-%)
 
 deps:
-	@sh scripts/deps.sh test
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES)
 
 build: deps $(ARCHS:%=build-%)
 
@@ -20,13 +23,15 @@ $(ARCHS:%=build-%): build-%:
 $(ARCHS:%=test-%): test-%: build-%
 	ctest --test-dir build/$* --output-on-failure -j $(JOBS)
 
-bench: deps build-x86_64
+bench:
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) bench/packages.txt
+	@$(MAKE) --no-print-directory build-x86_64
 	@echo "Benchmark programs are in build/x86_64/bench/"
 
 # Builds only the renderer (and the library it links), renders the built-in
 # scene and says where the picture is.
 demo:
-	@sh scripts/deps.sh demo
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES)
 	@if [ -f apps/render/CMakeLists.txt ]; then \
 	  cmake --preset x86_64 >/dev/null && \
 	  cmake --build build/x86_64 -j $(JOBS) --target kelr-render && \

@@ -1,11 +1,11 @@
 #!/bin/sh
-# Installs what the build needs on Debian 12, or, when not root, prints the
-# exact command and stops. Usage: deps.sh test|demo
+# Installs the Debian 12 packages named in the given lists (one package per
+# line, # starts a comment), or, when not root, prints the exact command and
+# stops. Each list sits beside the build files that need its packages.
+# Usage: deps.sh LIST...
 set -eu
-need="cmake make g++ g++-multilib googletest binutils pkgconf"
-if [ "${1:-test}" = demo ]; then
-  need="$need libpng-dev libtinyobjloader-dev"
-fi
+cd "$(dirname "$0")/.."
+need=$(sed -e 's/#.*//' "$@" | tr -s ' \t\n' ' ')
 missing=""
 for pkg in $need; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" ||
