@@ -37,6 +37,9 @@ inline float patchMax(const PsahPatch& p, int axis) {
 
 constexpr int kPsahLeaf = 3;
 
+// A tree block's size is reported as an int32, so no larger block is built.
+constexpr uint64_t kMaxTreeBytes = INT32_MAX;
+
 // Build-time node. Kind 0..2 is an inner node split on that axis, 3 a leaf
 // (also every node not yet processed). A child starts as a copy of its parent.
 struct PsahBuildNode {
