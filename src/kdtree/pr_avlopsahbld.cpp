@@ -26,12 +26,32 @@ void releasePool(PsahPool* pool) {
     pool->base = pool->end = pool->cursor = nullptr;
 }
 
-bool allocatePool(PsahBuildState* state, PsahPool* pool, uint32_t bytes) {
+bool allocatePool(PsahBuildState* state, PsahPool* pool, uint64_t bytes) {
     pool->base = reinterpret_cast<char*>(kelsMalloc_32s(int(bytes / 4)));
     pool->end = pool->base ? pool->base + bytes : nullptr;
     pool->cursor = pool->base;
-    state->budget -= bytes;
+    state->budget -= uint32_t(bytes);
     return pool->base != nullptr;
+}
+
+// The stores a build carves before its first triangle, in bytes. The patch
+// store rounds 36 bytes a triangle down to whole 16 MiB and adds 16 MiB; the
+// vertex store gives 16 MiB per started 4 MiB of mesh vertices, head-room for
+// the points that cutting creates. All of it is charged to the budget.
+struct StoreSizes {
+    uint64_t patch;
+    uint64_t vertex;
+    uint64_t total;  // with the state and the scratch arrays
+};
+
+StoreSizes storeSizes(int vertexCount, int triangleCount) {
+    const uint64_t T = uint64_t(triangleCount);
+    StoreSizes sizes;
+    sizes.patch = ((kPatchBytesPerTriangle * T) & ~uint64_t(kChunkDataBytes - 1)) + kChunkDataBytes;
+    sizes.vertex = (((kVertexBytes * uint64_t(vertexCount)) >> 22) + 1) << 24;
+    sizes.total =
+        sizeof(PsahBuildState) + kScratchBytesPerTriangle * T + sizes.patch + sizes.vertex;
+    return sizes;
 }
 
 // What only the optimisation needs; the build nodes and the index lists stay
@@ -55,10 +75,11 @@ void releaseBuildState(PsahBuildState* state) {
     kelsFree(state);
 }
 
-// The build state with every store it owns from the start. Null when an
-// allocation fails; whatever was obtained is released then.
+// The build state with every store it owns from the start; the stores fit
+// the budget. Null when an allocation fails; whatever was obtained is
+// released then.
 PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, int vertexCount,
-                                 int triangleCount, uint32_t budgetBytes) {
+                                 int triangleCount, uint32_t budgetBytes, const StoreSizes& sizes) {
     auto* state =
         reinterpret_cast<PsahBuildState*>(kelsMalloc_32s(int((sizeof(PsahBuildState) + 3) / 4)));
     if (!state) return nullptr;
@@ -81,14 +102,8 @@ PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, 
         state->budget -= T * uint32_t(sizeof(float));
         complete = complete && (state->scratch[k] || triangleCount == 0);
     }
-    // The patch store rounds down to whole 16 MiB and adds 16 MiB; the vertex
-    // store gives 16 MiB per started 4 MiB of mesh vertices, head-room for the
-    // points that cutting creates.
-    const uint32_t patchBytes =
-        ((kPatchBytesPerTriangle * T) & ~(kChunkDataBytes - 1)) + kChunkDataBytes;
-    const uint32_t vertexBytes = (((kVertexBytes * uint32_t(vertexCount)) >> 22) + 1) << 24;
-    complete = allocatePool(state, &state->patchPool, patchBytes) && complete;
-    complete = allocatePool(state, &state->vertexPool, vertexBytes) && complete;
+    complete = allocatePool(state, &state->patchPool, sizes.patch) && complete;
+    complete = allocatePool(state, &state->vertexPool, sizes.vertex) && complete;
     if (!complete) {
         releaseBuildState(state);
         return nullptr;
@@ -348,12 +363,18 @@ KEL_API KelStatus ownKDTBldPSAH_ML(const float* pVertices, const int* pTriangles
                                    int triangleCount, KDTreeNode** ppTree, int* pTreeSize,
                                    float psahWeight, int maxDepth, uint32_t budgetBytes,
                                    const float* pClipBox) {
-    const uint32_t need =
-        kVertexBytes * uint32_t(vertexCount) +
-        (kScratchBytesPerTriangle + kPatchBytesPerTriangle) * uint32_t(triangleCount) + kFixedNeed;
+    const uint64_t need =
+        kVertexBytes * uint64_t(vertexCount) +
+        (kScratchBytesPerTriangle + kPatchBytesPerTriangle) * uint64_t(triangleCount) + kFixedNeed;
     if (budgetBytes < need) return KEL_STS_NO_MEM;
+    // The vertex store grows four times faster than the check above counts
+    // it, so a large mesh can pass the check with stores the budget does not
+    // cover. Such a build is refused like one below the fixed need, before
+    // anything is allocated: the remaining budget never goes below zero.
+    const StoreSizes sizes = storeSizes(vertexCount, triangleCount);
+    if (budgetBytes < sizes.total) return KEL_STS_NO_MEM;
     PsahBuildState* state =
-        createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes);
+        createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes, sizes);
     if (!state) return KEL_STS_NO_MEM;
 
     PsahBuildNode* root = nullptr;

@@ -116,4 +116,38 @@ TEST(PsahMemory, EverythingIsReleasedOnSuccessAndOverflow) {
     }
 }
 
+// From 349,526 vertices on, the vertex store (16 MiB per started 4 MiB of
+// vertices) outgrows what the up-front check counts for vertices. The stores
+// are charged in full: a budget that passes the check but not the stores is
+// -4 with nothing allocated (the remaining budget once wrapped to about
+// 4 GiB), and past the stores the budget pays for exactly the three chunks a
+// one-triangle build needs.
+TEST(PsahMemory, StoresThatOutgrowTheBudgetAreRefused) {
+    kelt::Mesh mesh;
+    mesh.vertices.assign(3 * 349526, 0.0f);
+    mesh.vertices[3] = mesh.vertices[7] = 1.0f;
+    mesh.addTriangle(0, 1, 2);
+    const uint32_t check = 12 * 349526 + 48 + 3 * uint32_t(sizeof(kel::PsahPatch)) + (32u << 20) +
+                           uint32_t(sizeof(kel::PsahBuildState)) +
+                           2 * uint32_t(sizeof(kel::PsahChunk));
+    const uint32_t stores = uint32_t(sizeof(kel::PsahBuildState)) + 48 + 16 * kMiB + 32 * kMiB;
+    const uint32_t chunks = 3 * kel::kChunkCost;
+    const std::pair<uint32_t, KelStatus> cases[] = {{check, KEL_STS_NO_MEM},
+                                                    {stores - 1, KEL_STS_NO_MEM},
+                                                    {stores + chunks - 1, KEL_STS_OVERFLOW},
+                                                    {stores + chunks, KEL_STS_OK}};
+    for (const auto& [budget, expected] : cases) {
+        kelt::AllocationCount count;
+        Tree tree;
+        tree.status =
+            ownKDTBldPSAH_ML(mesh.vertices.data(), mesh.triangles.data(), mesh.vertexCount(), 1,
+                             &tree.block, &tree.size, 0.5f, 50, budget, nullptr);
+        EXPECT_EQ(expected, tree.status) << budget;
+        if (expected == KEL_STS_NO_MEM) EXPECT_EQ(0, count.peakBytes());
+        EXPECT_EQ(expected == KEL_STS_OK ? 1 : 0, count.liveBlocks());
+        kelrKDTreeFree(tree.block);
+        tree.block = nullptr;
+    }
+}
+
 }  // namespace
