@@ -119,16 +119,18 @@ inline void initChunkList(PsahChunk* head) {
 }
 
 // Takes bytes from the newest chunk of a list, adding a chunk while the budget
-// covers it. The test is strict, so a chunk's last bytes are never used.
-inline void* takeFromChunks(PsahBuildState* state, PsahChunk* head, uint32_t bytes,
+// covers it. The test is strict, so a chunk's last bytes are never used. A
+// request larger than a whole chunk can never be met and spends the budget
+// as surely as a full one.
+inline void* takeFromChunks(PsahBuildState* state, PsahChunk* head, uint64_t bytes,
                             KelStatus* status) {
     PsahChunk* tail = head->prev;
-    if (uintptr_t(tail->cursor) + bytes < uintptr_t(tail->end)) {
+    if (bytes < uint64_t(tail->end - tail->cursor)) {
         void* p = tail->cursor;
         tail->cursor += bytes;
         return p;
     }
-    if (state->budget < kChunkCost) {
+    if (state->budget < kChunkCost || bytes > kChunkDataBytes) {
         *status = KEL_STS_OVERFLOW;
         return nullptr;
     }
