@@ -121,7 +121,7 @@ inline void initChunkList(PsahChunk* head) {
 // Takes bytes from the newest chunk of a list, adding a chunk while the budget
 // covers it. The test is strict, so a chunk's last bytes are never used. A
 // request larger than a whole chunk can never be met and spends the budget
-// as surely as a full one.
+// as surely as a full one; a chunk the allocator refuses is -4.
 inline void* takeFromChunks(PsahBuildState* state, PsahChunk* head, uint64_t bytes,
                             KelStatus* status) {
     PsahChunk* tail = head->prev;
@@ -136,6 +136,12 @@ inline void* takeFromChunks(PsahBuildState* state, PsahChunk* head, uint64_t byt
     }
     auto* chunk = reinterpret_cast<PsahChunk*>(kelsMalloc_32s(int((sizeof(PsahChunk) + 3) / 4)));
     char* data = reinterpret_cast<char*>(kelsMalloc_32s(int(kChunkDataBytes / 4)));
+    if (!chunk || !data) {
+        kelsFree(chunk);
+        kelsFree(data);
+        *status = KEL_STS_NO_MEM;
+        return nullptr;
+    }
     chunk->base = data;
     chunk->end = data + kChunkDataBytes;
     chunk->cursor = data + bytes;
