@@ -301,12 +301,12 @@ int32_t byteDistance(const void* from, const void* to) {
 // Adds the packed size of a subtree: 8 bytes per node and 4 per listed
 // triangle. The second child continues the loop so that only the first
 // children cost stack depth.
-static void localEstimateTotalCompactTreeSize(const PsahBuildNode* node, uint32_t* nodeBytes,
-                                              uint32_t* listBytes) {
+static void localEstimateTotalCompactTreeSize(const PsahBuildNode* node, uint64_t* nodeBytes,
+                                              uint64_t* listBytes) {
     for (;;) {
-        *nodeBytes += uint32_t(sizeof(KDTreeNode));
+        *nodeBytes += sizeof(KDTreeNode);
         if (node->kind == kPsahLeaf) {
-            *listBytes += 4 * uint32_t(node->count);
+            *listBytes += 4 * uint64_t(node->count);
             return;
         }
         localEstimateTotalCompactTreeSize(&node->children[0], nodeBytes, listBytes);
@@ -337,14 +337,15 @@ extern "C" {
 
 KEL_API KelStatus ownCompactTreeRepresentation(const PsahBuildNode* root, KDTreeNode** ppTree,
                                                int* pTreeSize) {
-    uint32_t nodeBytes = 16, listBytes = 0;
+    uint64_t nodeBytes = 16, listBytes = 0;
     if (root->kind == kPsahLeaf) {
-        listBytes = 4 * uint32_t(root->count);
+        listBytes = 4 * uint64_t(root->count);
     } else {
         localEstimateTotalCompactTreeSize(&root->children[0], &nodeBytes, &listBytes);
         localEstimateTotalCompactTreeSize(&root->children[1], &nodeBytes, &listBytes);
     }
-    const uint32_t size = nodeBytes + listBytes;
+    const uint64_t size = nodeBytes + listBytes;
+    if (size > kMaxTreeBytes) return KEL_STS_NO_MEM;
     auto* block = reinterpret_cast<KDTreeNode*>(kelsMalloc_64s(int(size / 8 + 1)));
     if (!block) return KEL_STS_NO_MEM;
     // The companion of the root keeps every child pair on a 16-byte step.
