@@ -193,7 +193,7 @@ void clipToSlab(const ClipPolygon& in, int axis, float lo, float hi, ClipPolygon
 bool cutTriangleToBox(const PsahBuildState* state, const int* triangle, const float* box,
                       ClipPolygon pass[4]) {
     pass[0].n = 3;
-    for (int k = 0; k < 3; ++k) pass[0].corner[k] = state->vertexBegin + 3 * triangle[k];
+    for (int k = 0; k < 3; ++k) pass[0].corner[k] = state->vertexBegin + 3 * ptrdiff_t(triangle[k]);
     for (int axis = 0; axis < 3; ++axis) {
         clipToSlab(pass[axis], axis, box[axis], box[axis + 3], &pass[axis + 1]);
         if (pass[axis + 1].n < 3) return false;
@@ -237,7 +237,7 @@ namespace {
 void vertexBox(const float* pVertices, int vertexCount, float* box) {
     for (int a = 0; a < 3; ++a) box[a] = box[a + 3] = pVertices[a];
     for (int i = 1; i < vertexCount; ++i) {
-        const float* v = pVertices + 3 * i;
+        const float* v = pVertices + 3 * ptrdiff_t(i);
         for (int a = 0; a < 3; ++a) {
             if (v[a] < box[a]) box[a] = v[a];
             if (v[a] > box[a + 3]) box[a + 3] = v[a];
@@ -255,7 +255,8 @@ KelStatus initPatchesFromTriangles(PsahPatch** ppFirst, const int* pTriangles, i
     for (int i = 0; i < triangleCount; ++i) {
         const float** record = takeVertexRecord(state, 3, &status);
         if (!record) return status;
-        for (int k = 0; k < 3; ++k) record[k] = state->vertexBegin + 3 * pTriangles[4 * i + k];
+        for (int k = 0; k < 3; ++k)
+            record[k] = state->vertexBegin + 3 * ptrdiff_t(pTriangles[4 * i + k]);
         fillPatch(&patches[i], i, record, 3);
     }
     *ppFirst = patches;
