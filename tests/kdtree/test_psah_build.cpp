@@ -2,6 +2,7 @@
 // allocation when a whole PSAH build succeeds or its optimisation runs out of
 // budget half-way. The trees themselves are checked in test_psah_rays.
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <cstring>
 #include <vector>
@@ -148,6 +149,44 @@ TEST(PsahMemory, StoresThatOutgrowTheBudgetAreRefused) {
         kelrKDTreeFree(tree.block);
         tree.block = nullptr;
     }
+}
+
+// Through the hooks the N-th allocation of a build fails, for every N the
+// build makes (state, scratch arrays, stores, chunk records and data areas,
+// the packed block), on one thread and on two: the build unwinds with -4 or
+// -9, writes no output and gives back every block it got.
+TEST(PsahMemory, EachRefusedAllocationUnwindsCleanly) {
+    const kelt::Mesh mesh = kelt::randomSoup(7, 400);
+    const KDTreeBuildContext context = {
+        KDT_BUILD_PSAH, 50, 0.5f, kelt::psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount()),
+        nullptr};
+    auto build = [&](Tree* tree) {
+        tree->status =
+            kelrKDTreeBuildAlloc(&tree->block, mesh.vertices.data(), mesh.triangles.data(),
+                                 mesh.vertexCount(), mesh.triangleCount(), &tree->size, &context);
+    };
+    const int threads = omp_get_max_threads();
+    for (int t : {1, 2}) {
+        omp_set_num_threads(t);
+        kelt::AllocationCount count;
+        {
+            Tree whole;
+            build(&whole);
+            ASSERT_EQ(KEL_STS_OK, whole.status);
+        }
+        const long long made = count.allocations();
+        ASSERT_GE(made, 22);  // state, 12 scratch arrays, 2 stores, 3 chunks, the block
+        for (long long n = 1; n <= made; ++n) {
+            count.refuseAllocation(n);
+            Tree tree;
+            build(&tree);
+            EXPECT_TRUE(tree.status == KEL_STS_NO_MEM || tree.status == KEL_STS_OVERFLOW)
+                << "allocation " << n << " of " << made << ", " << t << " threads: " << tree.status;
+            EXPECT_TRUE(tree.block == nullptr && tree.size == -1) << n;
+            EXPECT_EQ(0, count.liveBlocks()) << n;
+        }
+    }
+    omp_set_num_threads(threads);
 }
 
 }  // namespace
