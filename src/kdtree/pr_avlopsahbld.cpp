@@ -26,12 +26,32 @@ void releasePool(PsahPool* pool) {
     pool->base = pool->end = pool->cursor = nullptr;
 }
 
-bool allocatePool(PsahBuildState* state, PsahPool* pool, uint32_t bytes) {
+bool allocatePool(PsahBuildState* state, PsahPool* pool, uint64_t bytes) {
     pool->base = reinterpret_cast<char*>(kelsMalloc_32s(int(bytes / 4)));
     pool->end = pool->base ? pool->base + bytes : nullptr;
     pool->cursor = pool->base;
-    state->budget -= bytes;
+    state->budget -= uint32_t(bytes);
     return pool->base != nullptr;
+}
+
+// The stores a build carves before its first triangle, in bytes. The patch
+// store rounds 36 bytes a triangle down to whole 16 MiB and adds 16 MiB; the
+// vertex store gives 16 MiB per started 4 MiB of mesh vertices, head-room for
+// the points that cutting creates. All of it is charged to the budget.
+struct StoreSizes {
+    uint64_t patch;
+    uint64_t vertex;
+    uint64_t total;  // with the state and the scratch arrays
+};
+
+StoreSizes storeSizes(int vertexCount, int triangleCount) {
+    const uint64_t T = uint64_t(triangleCount);
+    StoreSizes sizes;
+    sizes.patch = ((kPatchBytesPerTriangle * T) & ~uint64_t(kChunkDataBytes - 1)) + kChunkDataBytes;
+    sizes.vertex = (((kVertexBytes * uint64_t(vertexCount)) >> 22) + 1) << 24;
+    sizes.total =
+        sizeof(PsahBuildState) + kScratchBytesPerTriangle * T + sizes.patch + sizes.vertex;
+    return sizes;
 }
 
 // What only the optimisation needs; the build nodes and the index lists stay
@@ -55,10 +75,11 @@ void releaseBuildState(PsahBuildState* state) {
     kelsFree(state);
 }
 
-// The build state with every store it owns from the start. Null when an
-// allocation fails; whatever was obtained is released then.
+// The build state with every store it owns from the start; the stores fit
+// the budget. Null when an allocation fails; whatever was obtained is
+// released then.
 PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, int vertexCount,
-                                 int triangleCount, uint32_t budgetBytes) {
+                                 int triangleCount, uint32_t budgetBytes, const StoreSizes& sizes) {
     auto* state =
         reinterpret_cast<PsahBuildState*>(kelsMalloc_32s(int((sizeof(PsahBuildState) + 3) / 4)));
     if (!state) return nullptr;
@@ -81,14 +102,8 @@ PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, 
         state->budget -= T * uint32_t(sizeof(float));
         complete = complete && (state->scratch[k] || triangleCount == 0);
     }
-    // The patch store rounds down to whole 16 MiB and adds 16 MiB; the vertex
-    // store gives 16 MiB per started 4 MiB of mesh vertices, head-room for the
-    // points that cutting creates.
-    const uint32_t patchBytes =
-        ((kPatchBytesPerTriangle * T) & ~(kChunkDataBytes - 1)) + kChunkDataBytes;
-    const uint32_t vertexBytes = (((kVertexBytes * uint32_t(vertexCount)) >> 22) + 1) << 24;
-    complete = allocatePool(state, &state->patchPool, patchBytes) && complete;
-    complete = allocatePool(state, &state->vertexPool, vertexBytes) && complete;
+    complete = allocatePool(state, &state->patchPool, sizes.patch) && complete;
+    complete = allocatePool(state, &state->vertexPool, sizes.vertex) && complete;
     if (!complete) {
         releaseBuildState(state);
         return nullptr;
@@ -178,7 +193,7 @@ void clipToSlab(const ClipPolygon& in, int axis, float lo, float hi, ClipPolygon
 bool cutTriangleToBox(const PsahBuildState* state, const int* triangle, const float* box,
                       ClipPolygon pass[4]) {
     pass[0].n = 3;
-    for (int k = 0; k < 3; ++k) pass[0].corner[k] = state->vertexBegin + 3 * triangle[k];
+    for (int k = 0; k < 3; ++k) pass[0].corner[k] = state->vertexBegin + 3 * ptrdiff_t(triangle[k]);
     for (int axis = 0; axis < 3; ++axis) {
         clipToSlab(pass[axis], axis, box[axis], box[axis + 3], &pass[axis + 1]);
         if (pass[axis + 1].n < 3) return false;
@@ -222,7 +237,7 @@ namespace {
 void vertexBox(const float* pVertices, int vertexCount, float* box) {
     for (int a = 0; a < 3; ++a) box[a] = box[a + 3] = pVertices[a];
     for (int i = 1; i < vertexCount; ++i) {
-        const float* v = pVertices + 3 * i;
+        const float* v = pVertices + 3 * ptrdiff_t(i);
         for (int a = 0; a < 3; ++a) {
             if (v[a] < box[a]) box[a] = v[a];
             if (v[a] > box[a + 3]) box[a + 3] = v[a];
@@ -240,7 +255,8 @@ KelStatus initPatchesFromTriangles(PsahPatch** ppFirst, const int* pTriangles, i
     for (int i = 0; i < triangleCount; ++i) {
         const float** record = takeVertexRecord(state, 3, &status);
         if (!record) return status;
-        for (int k = 0; k < 3; ++k) record[k] = state->vertexBegin + 3 * pTriangles[4 * i + k];
+        for (int k = 0; k < 3; ++k)
+            record[k] = state->vertexBegin + 3 * ptrdiff_t(pTriangles[4 * i + k]);
         fillPatch(&patches[i], i, record, 3);
     }
     *ppFirst = patches;
@@ -286,12 +302,12 @@ int32_t byteDistance(const void* from, const void* to) {
 // Adds the packed size of a subtree: 8 bytes per node and 4 per listed
 // triangle. The second child continues the loop so that only the first
 // children cost stack depth.
-static void localEstimateTotalCompactTreeSize(const PsahBuildNode* node, uint32_t* nodeBytes,
-                                              uint32_t* listBytes) {
+static void localEstimateTotalCompactTreeSize(const PsahBuildNode* node, uint64_t* nodeBytes,
+                                              uint64_t* listBytes) {
     for (;;) {
-        *nodeBytes += uint32_t(sizeof(KDTreeNode));
+        *nodeBytes += sizeof(KDTreeNode);
         if (node->kind == kPsahLeaf) {
-            *listBytes += 4 * uint32_t(node->count);
+            *listBytes += 4 * uint64_t(node->count);
             return;
         }
         localEstimateTotalCompactTreeSize(&node->children[0], nodeBytes, listBytes);
@@ -322,14 +338,15 @@ extern "C" {
 
 KEL_API KelStatus ownCompactTreeRepresentation(const PsahBuildNode* root, KDTreeNode** ppTree,
                                                int* pTreeSize) {
-    uint32_t nodeBytes = 16, listBytes = 0;
+    uint64_t nodeBytes = 16, listBytes = 0;
     if (root->kind == kPsahLeaf) {
-        listBytes = 4 * uint32_t(root->count);
+        listBytes = 4 * uint64_t(root->count);
     } else {
         localEstimateTotalCompactTreeSize(&root->children[0], &nodeBytes, &listBytes);
         localEstimateTotalCompactTreeSize(&root->children[1], &nodeBytes, &listBytes);
     }
-    const uint32_t size = nodeBytes + listBytes;
+    const uint64_t size = nodeBytes + listBytes;
+    if (size > kMaxTreeBytes) return KEL_STS_NO_MEM;
     auto* block = reinterpret_cast<KDTreeNode*>(kelsMalloc_64s(int(size / 8 + 1)));
     if (!block) return KEL_STS_NO_MEM;
     // The companion of the root keeps every child pair on a 16-byte step.
@@ -348,12 +365,18 @@ KEL_API KelStatus ownKDTBldPSAH_ML(const float* pVertices, const int* pTriangles
                                    int triangleCount, KDTreeNode** ppTree, int* pTreeSize,
                                    float psahWeight, int maxDepth, uint32_t budgetBytes,
                                    const float* pClipBox) {
-    const uint32_t need =
-        kVertexBytes * uint32_t(vertexCount) +
-        (kScratchBytesPerTriangle + kPatchBytesPerTriangle) * uint32_t(triangleCount) + kFixedNeed;
+    const uint64_t need =
+        kVertexBytes * uint64_t(vertexCount) +
+        (kScratchBytesPerTriangle + kPatchBytesPerTriangle) * uint64_t(triangleCount) + kFixedNeed;
     if (budgetBytes < need) return KEL_STS_NO_MEM;
+    // The vertex store grows four times faster than the check above counts
+    // it, so a large mesh can pass the check with stores the budget does not
+    // cover. Such a build is refused like one below the fixed need, before
+    // anything is allocated: the remaining budget never goes below zero.
+    const StoreSizes sizes = storeSizes(vertexCount, triangleCount);
+    if (budgetBytes < sizes.total) return KEL_STS_NO_MEM;
     PsahBuildState* state =
-        createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes);
+        createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes, sizes);
     if (!state) return KEL_STS_NO_MEM;
 
     PsahBuildNode* root = nullptr;

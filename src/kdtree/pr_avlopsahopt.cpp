@@ -528,7 +528,7 @@ KelStatus makeLeaf(PsahBuildState* state, PsahBuildNode* node) {
     const PsahPatch* patches = node->patches;
     KelStatus status = KEL_STS_OK;
     auto* list = static_cast<int32_t*>(
-        kel::takeFromChunks(state, &state->indexChunks, uint32_t(n) * sizeof(int32_t), &status));
+        kel::takeFromChunks(state, &state->indexChunks, uint64_t(n) * sizeof(int32_t), &status));
     if (!list) return status;
     for (int i = 0; i < n; ++i) {
         list[i] = kel::patchTriangle(patches[i]);

@@ -37,6 +37,9 @@ inline float patchMax(const PsahPatch& p, int axis) {
 
 constexpr int kPsahLeaf = 3;
 
+// A tree block's size is reported as an int32, so no larger block is built.
+constexpr uint64_t kMaxTreeBytes = INT32_MAX;
+
 // Build-time node. Kind 0..2 is an inner node split on that axis, 3 a leaf
 // (also every node not yet processed). A child starts as a copy of its parent.
 struct PsahBuildNode {
@@ -116,21 +119,29 @@ inline void initChunkList(PsahChunk* head) {
 }
 
 // Takes bytes from the newest chunk of a list, adding a chunk while the budget
-// covers it. The test is strict, so a chunk's last bytes are never used.
-inline void* takeFromChunks(PsahBuildState* state, PsahChunk* head, uint32_t bytes,
+// covers it. The test is strict, so a chunk's last bytes are never used. A
+// request larger than a whole chunk can never be met and spends the budget
+// as surely as a full one; a chunk the allocator refuses is -4.
+inline void* takeFromChunks(PsahBuildState* state, PsahChunk* head, uint64_t bytes,
                             KelStatus* status) {
     PsahChunk* tail = head->prev;
-    if (uintptr_t(tail->cursor) + bytes < uintptr_t(tail->end)) {
+    if (bytes < uint64_t(tail->end - tail->cursor)) {
         void* p = tail->cursor;
         tail->cursor += bytes;
         return p;
     }
-    if (state->budget < kChunkCost) {
+    if (state->budget < kChunkCost || bytes > kChunkDataBytes) {
         *status = KEL_STS_OVERFLOW;
         return nullptr;
     }
     auto* chunk = reinterpret_cast<PsahChunk*>(kelsMalloc_32s(int((sizeof(PsahChunk) + 3) / 4)));
     char* data = reinterpret_cast<char*>(kelsMalloc_32s(int(kChunkDataBytes / 4)));
+    if (!chunk || !data) {
+        kelsFree(chunk);
+        kelsFree(data);
+        *status = KEL_STS_NO_MEM;
+        return nullptr;
+    }
     chunk->base = data;
     chunk->end = data + kChunkDataBytes;
     chunk->cursor = data + bytes;
