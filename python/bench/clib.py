@@ -71,6 +71,7 @@ class Scene:
                                         _address(self.triangles), vertex_count, triangle_count,
                                         C.byref(tree_bytes), C.byref(build)),
                "kelrKDTreeBuildAlloc")
+        self.tree_bytes = tree_bytes.value
         self.context = IntersectContext(self.box.ctypes.data, self.accel.ctypes.data, self.tree)
 
     def __del__(self):

@@ -3,6 +3,7 @@ through ctypes on the same rays in the same blocks (so the same code paths),
 and its hit points and normals against NumPy geometry."""
 
 import clib
+import kelrt7
 import numpy as np
 import pytest
 import workload
@@ -25,6 +26,20 @@ def assert_same_hits(hits, c_hits, count):
 
 def checksum(ids):
     return np.count_nonzero(ids >= 0), int(ids[ids >= 0].sum(dtype=np.int64))
+
+
+def test_scene_and_version(bunny):
+    scene, c_scene = bunny["module"], bunny["c"]
+    assert (scene.triangle_count, scene.vertex_count) == (69451, 35947)
+    assert scene.box == tuple(c_scene.box.tolist()) and scene.tree_bytes == c_scene.tree_bytes
+    # Clipped to the middle three fifths of the mesh's box, the tree has the
+    # size that the PSAH build tests pin for it.
+    lo, hi = bunny["vertices"].min(axis=0), bunny["vertices"].max(axis=0)
+    margin = np.float32(0.2) * (hi - lo)
+    clipped = kelrt7.Scene(bunny["vertices"], bunny["triangles"],
+                           clip_box=np.stack([lo + margin, hi - margin]))
+    assert clipped.tree_bytes == 367256
+    assert kelrt7.version() == {"major": 5, "minor": 2, "name": "libkelrt7.so.5.2", "text": "5.2"}
 
 
 @pytest.fixture(scope="module")
