@@ -2,10 +2,12 @@
 ARCHS := i386 x86_64
 JOBS ?= $(shell nproc)
 # Package lists, each beside the build files that need it. Configuring the
-# tree reaches the tests and the renderer, so every build needs those lists.
-CONFIGURE_PACKAGES := packages.txt tests/packages.txt apps/render/packages.txt
+# tree reaches the tests, the renderer and the Python module, so every build
+# needs those lists.
+CONFIGURE_PACKAGES := packages.txt tests/packages.txt apps/render/packages.txt \
+  python/packages.txt
 
-.PHONY: test build deps demo bench clean $(ARCHS:%=build-%) $(ARCHS:%=test-%)
+.PHONY: test build deps demo bench python clean $(ARCHS:%=build-%) $(ARCHS:%=test-%)
 
 test: deps $(ARCHS:%=test-%)
 
@@ -38,6 +40,14 @@ demo:
 	  build/x86_64/apps/render/kelr-render --out out/demo.png && \
 	  echo "The picture is in $(CURDIR)/out/demo.png"; \
 	else echo "The renderer is not there yet."; fi
+
+# Builds the Python module (x86_64 only) and says how to import it.
+python:
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES)
+	@cmake --preset x86_64 >/dev/null
+	cmake --build build/x86_64 -j $(JOBS) --target kelrt7_python
+	@echo "Import it with: PYTHONPATH=build/x86_64/python \
+	$$(sed -n 's/^Python3_EXECUTABLE:FILEPATH=//p' build/x86_64/CMakeCache.txt) -c 'import kelrt7'"
 
 clean:
 	rm -rf build
