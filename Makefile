@@ -41,3 +41,12 @@ demo:
 
 clean:
 	rm -rf build
+
+# Reference documentation: doxygen over the public headers and docs/*.md,
+# written to build/docs/html. A warning (an undocumented name included) fails.
+.PHONY: docs
+docs:
+	@sh scripts/deps.sh docs/packages.txt
+	rm -rf build/docs
+	doxygen docs/Doxyfile
+	@echo "The reference is in $(CURDIR)/build/docs/html/index.html"
