@@ -97,6 +97,10 @@ int main(int argc, char** argv) {
         std::printf("%s", usage().c_str());
         return 0;
     }
+    if (options.version) {
+        std::printf("%s", versionText().c_str());
+        return 0;
+    }
     try {
         return run(options);
     } catch (const std::bad_alloc&) {
