@@ -97,6 +97,17 @@ TEST(ObjLoader, ReadsFacesAndKeepsOrComputesNormals) {
     EXPECT_FLOAT_EQ(withNormals.vertexNormals[2], 1.0f);
     EXPECT_FLOAT_EQ(withNormals.vertexNormals[3 * 3 + 2], -1.0f);
 
+    // Corners written twice (as along the patch borders of a teapot) are
+    // welded, so the normals computed from the faces are smooth across the
+    // shared edge: the two triangles of this fold share its two corners.
+    Mesh folded;
+    ASSERT_TRUE(parseObjText("v 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 0 0\nv 0 1 0\nv 1 1 1\n"
+                             "f 1 2 3\nf 4 6 5\n",
+                             &folded, &error))
+        << error;
+    EXPECT_EQ(folded.vertexCount(), 4);
+    EXPECT_EQ(folded.triangles[1], folded.triangles[4]);
+    EXPECT_EQ(folded.triangles[2], folded.triangles[6]);
 }
 
 TEST(ObjLoader, ExplainsBrokenInput) {
