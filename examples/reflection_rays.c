@@ -16,18 +16,22 @@ static const float vertices[] = {-10, 0, -10, 10, 0, -10, 10, 0, 10, -10, 0, 10,
                                  -3,  0, -6,  3,  0, -6,  3,  4, -6, -3,  4, -6};
 static const int triangles[] = {0, 2, 1, 0, 0, 3, 2, 0, 4, 5, 6, 0, 4, 6, 7, 0};
 
+/* Vertex normals for smooth shading: up on the floor, towards +z on the wall. */
+static const float vertexNormals[] = {0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0,
+                                      0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1};
+
 int main(void) {
-    float box[6], normals[4 * 3];
+    float box[6];
     kelrSetBoundBox_32f(vertices, 8, box);
-    kelrTriangleNormal_32f(vertices, triangles, normals, 4);
-    TriangleAccel* accel = (TriangleAccel*)kelsMalloc_32s(4 * sizeof(TriangleAccel) / 4);
+    TriangleAccel accel[4]; /* records need no more than a float's alignment */
     kelrTriangleAccelInit(accel, vertices, triangles, 4);
-    KDTreeBuildContext build = {KDT_BUILD_SIMPLE, 0, 0.0f, 0, NULL};
-    KDTreeNode* tree;
-    int treeSize;
-    if (kelrKDTreeBuildAlloc(&tree, vertices, triangles, 8, 4, &treeSize, &build) != KEL_STS_OK)
+    /* A simple build reads only the first two fields of its context. */
+    const KDTreeBuildContext simple = {.algorithm = KDT_BUILD_SIMPLE, .maxDepth = 0};
+    KDTreeNode* tree = NULL;
+    int size = 0;
+    if (kelrKDTreeBuildAlloc(&tree, vertices, triangles, 8, 4, &size, &simple) != KEL_STS_OK)
         return 1;
-    IntersectContext scene = {box, accel, tree};
+    const IntersectContext scene = {box, accel, tree};
 
     /* One 32-byte-aligned block, cut into 16-byte-aligned planes. */
     float* const block = (float*)kelsMalloc_32s(PLANES * RAYS);
@@ -55,7 +59,8 @@ int main(void) {
     }
     kelrHitPoint3DEpsS0_32f_M(eye, (const float* const*)direction, distance, mask, point, RAYS,
                               0.9999f);
-    kelrSurfFlatNormal_32f(normals, mask, normal, RAYS);
+    kelrSurfSmoothNormal_32f(vertexNormals, triangles, mask, (const float* const*)hit, normal, RAYS,
+                             4);
     kelrDotChangeNorm_32f_IM((const float* const*)direction, mask, normal, facing, RAYS);
     kelrCastReflectionRay_32f((const float* const*)direction, mask, (const float* const*)normal,
                               reflected, RAYS);
@@ -91,7 +96,6 @@ int main(void) {
         "mirrored eye\n",
         bounced, onWall, wrong);
     kelsFree(block);
-    kelsFree(accel);
     kelrKDTreeFree(tree);
     return wrong == 0 ? 0 : 1;
 }
