@@ -637,9 +637,9 @@ typedef struct KDTreeBuildContext {
     /** PSAH only, 0..1 (NaN refused): higher values let the builder split more
      * readily, giving deeper trees. 0.2 is a good start. */
     float psahWeight;
-    /** PSAH only: working-memory budget in MiB, at least 32; the
-     * @ref psah_budget "budget formula" gives one that suffices. Values of
-     * 4096 and more wrap in 32 bits. */
+    /** PSAH only: working-memory budget in MiB, 32..4095; the
+     * @ref psah_budget "budget formula" gives one that suffices. Larger values
+     * wrap around in 32 bits: the build works with memoryMiB modulo 4096. */
     uint32_t memoryMiB;
     /** PSAH only: six floats (min x, y, z, max x, y, z); triangles are cut to
      * this box and only their parts inside it are placed. Null: the box of all
