@@ -25,7 +25,9 @@ for arch in $foreign; do
 done
 if [ "$(id -u)" -eq 0 ]; then
   echo "Installing:$missing"
-  apt-get update -qq
+  # An index that fails to download (a mirror in sync) need not stop the
+  # install: the packages may well come from the others.
+  apt-get update -qq || echo "apt-get update reported errors; installing anyway"
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq$missing
 else
   echo "Missing packages:$missing"
