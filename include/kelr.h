@@ -183,6 +183,9 @@ KEL_API void kelsFree(void* block);
 /**
  * @defgroup vector Vector copy, zero and sort
  * @brief Utilities the builders use, exported for callers.
+ *
+ * Thread safety: no state is kept between calls, so these functions may run
+ * at once in any number of threads as long as their output arrays differ.
  * @{
  */
 
@@ -241,6 +244,9 @@ KEL_API KelStatus kelsSortAscend_32f_I(float* pSrcDst, int len);
  * @defgroup geometry Scene set-up
  * @brief The scene box and per-triangle normals.
  *
+ * Thread safety: no state is kept between calls, so these functions may run
+ * at once in any number of threads as long as their output arrays differ.
+ *
  * A mesh is a vertex array (three floats x, y, z per vertex, 12 bytes) and a
  * triangle array (four ints per triangle, 16 bytes: three vertex numbers and a
  * word that is never read). A triangle's number is its position in the
@@ -291,6 +297,9 @@ KEL_API KelStatus kelrTriangleNormal_32f(const float* pVertices, const int* pTri
 /**
  * @defgroup casting Ray casting
  * @brief Eye, shadow and reflection rays for a block.
+ *
+ * Thread safety: no state is kept between calls, so these functions may run
+ * at once in any number of threads as long as their output arrays differ.
  * @{
  */
 
@@ -387,6 +396,9 @@ KEL_API KelStatus kelrCastReflectionRay_32f(const float* const incident[3], cons
 /**
  * @defgroup hits Hit points and surface normals
  * @brief Turning intersection results into points and normals.
+ *
+ * Thread safety: no state is kept between calls, so these functions may run
+ * at once in any number of threads as long as their output arrays differ.
  * @{
  */
 
@@ -489,6 +501,9 @@ KEL_API KelStatus kelrSurfSmoothNormal_32f(const float* pVertexNormals, const in
 /**
  * @defgroup shading Shading arithmetic
  * @brief Masked per-ray arithmetic.
+ *
+ * Thread safety: no state is kept between calls, so these functions may run
+ * at once in any number of threads as long as their output arrays differ.
  *
  * Each function reads a mask (one int per ray, active when >= 0) and writes
  * inactive rays as its comment says. The four-ray path runs when @c count is
