@@ -720,9 +720,11 @@ typedef struct KDTreeNode {
  * @retval KEL_STS_OUT_OF_RANGE KDTreeBuildContext::maxDepth is outside 0..50,
  *         or for PSAH KDTreeBuildContext::psahWeight is outside 0..1 or NaN.
  * @retval KEL_STS_BAD_ARG KDTreeBuildContext::algorithm is unknown.
- * @retval KEL_STS_NO_MEM Memory could not be obtained or a size would not fit
- *         in 32 bits; for PSAH also a budget below 32 MiB, or below the fixed
- *         need of 12 V + 96 T bytes + 32 MiB (i386: 12 V + 84 T + 32 MiB).
+ * @retval KEL_STS_NO_MEM Memory could not be obtained, a size would not fit
+ *         in 32 bits, or the tree block would exceed 2 GiB; for PSAH also a
+ *         budget below 32 MiB or below the stores the build sets aside before
+ *         it starts (32 MiB and about 12 V + 96 T bytes, 16 MiB more per 4 MiB
+ *         of vertex data); nothing has been allocated then.
  * @retval KEL_STS_OVERFLOW PSAH: the budget ran out during the build.
  * @retval KEL_STS_INTERNAL PSAH: the build found its bookkeeping inconsistent,
  *         which vertex coordinates that are NaN can cause.
