@@ -51,3 +51,25 @@ python:
 
 clean:
 	rm -rf build
+
+# Reference documentation: doxygen over the public headers and docs/*.md,
+# written to build/docs/html. A warning (an undocumented name included) fails.
+.PHONY: docs
+docs:
+	@sh scripts/deps.sh docs/packages.txt
+	rm -rf build/docs
+	doxygen docs/Doxyfile
+	@echo "The reference is in $(CURDIR)/build/docs/html/index.html"
+
+# Debian packages of both targets in build/packages (libkelrt7-5 and
+# libkelrt7-dev for amd64 and i386, kelr-render for amd64), each checked by
+# lintian: an error fails the target.
+.PHONY: package
+package:
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) cmake/packages.txt
+	@$(MAKE) --no-print-directory build
+	rm -rf build/packages
+	for arch in $(ARCHS); do (cd build/$$arch && cpack -B $(CURDIR)/build/packages) || exit 1; done
+	rm -rf build/packages/_CPack_Packages
+	lintian --fail-on error build/packages/*.deb
+	@echo "The packages are in $(CURDIR)/build/packages"
