@@ -9,7 +9,9 @@ CONFIGURE_PACKAGES := packages.txt tests/packages.txt apps/render/packages.txt \
 
 .PHONY: test build deps demo bench python clean $(ARCHS:%=build-%) $(ARCHS:%=test-%)
 
-test: deps $(ARCHS:%=test-%)
+# Both targets are built before either is tested: the install test puts both
+# into one prefix.
+test: deps $(ARCHS:%=build-%) $(ARCHS:%=test-%)
 
 deps:
 	@sh scripts/deps.sh $(CONFIGURE_PACKAGES)
