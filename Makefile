@@ -1,11 +1,20 @@
 # The two commands a newcomer runs: `make test` and `make demo`.
 ARCHS := i386 x86_64
+SANITIZED := $(ARCHS:%=%-asan)
 JOBS ?= $(shell nproc)
 # Package lists, each beside the build files that need it. Configuring the
 # tree reaches the tests and the renderer, so every build needs those lists.
 CONFIGURE_PACKAGES := packages.txt tests/packages.txt apps/render/packages.txt
+SANITIZE_PACKAGES := cmake/sanitize/packages.txt
+# The renderer's small picture for the sanitizer and memcheck runs, and a
+# small mesh for the slowest of them (the built-in scene's PSAH build takes
+# minutes under valgrind).
+SMALL_RENDER := --size 64x48 --bounces 2 --quiet
+SMALL_MESH := --mesh apps/render/fuzz/seeds/cube.obj
 
-.PHONY: test build deps demo bench clean $(ARCHS:%=build-%) $(ARCHS:%=test-%)
+PRESETS := $(ARCHS) $(SANITIZED)
+.PHONY: test build deps demo bench sanitize memcheck clean \
+  $(PRESETS:%=build-%) $(PRESETS:%=test-%)
 
 test: deps $(ARCHS:%=test-%)
 
@@ -16,12 +25,30 @@ build: deps $(ARCHS:%=build-%)
 
 # Static pattern rules: make skips implicit rules for phony targets, so a
 # plain build-% rule would never run.
-$(ARCHS:%=build-%): build-%:
+$(PRESETS:%=build-%): build-%:
 	cmake --preset $* >/dev/null
 	cmake --build build/$* -j $(JOBS)
 
-$(ARCHS:%=test-%): test-%: build-%
+$(PRESETS:%=test-%): test-%: build-%
 	ctest --test-dir build/$* --output-on-failure -j $(JOBS)
+
+# The whole suite on both targets under AddressSanitizer and
+# UndefinedBehaviorSanitizer, the renderer on a small picture under them,
+# and the plain renderer under valgrind's memcheck.
+sanitize:
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) $(SANITIZE_PACKAGES)
+	@$(MAKE) --no-print-directory $(SANITIZED:%=test-%)
+	build/x86_64-asan/apps/render/kelr-render $(SMALL_RENDER) --out build/x86_64-asan/small.png
+	@$(MAKE) --no-print-directory memcheck
+
+memcheck:
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) $(SANITIZE_PACKAGES)
+	cmake --preset x86_64 >/dev/null
+	cmake --build build/x86_64 -j $(JOBS) --target kelr-render
+	valgrind --error-exitcode=1 --leak-check=full --errors-for-leak-kinds=definite,indirect,possible \
+	  --suppressions=cmake/sanitize/valgrind.supp \
+	  build/x86_64/apps/render/kelr-render $(SMALL_RENDER) $(SMALL_MESH) --threads 2 \
+	    --out build/x86_64/small.png
 
 bench:
 	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) bench/packages.txt
