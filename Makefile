@@ -6,6 +6,7 @@ JOBS ?= $(shell nproc)
 # tree reaches the tests and the renderer, so every build needs those lists.
 CONFIGURE_PACKAGES := packages.txt tests/packages.txt apps/render/packages.txt
 SANITIZE_PACKAGES := cmake/sanitize/packages.txt
+FUZZ_PACKAGES := apps/render/fuzz/packages.txt
 # The renderer's small picture for the sanitizer and memcheck runs, and a
 # small mesh for the slowest of them (the built-in scene's PSAH build takes
 # minutes under valgrind).
@@ -13,7 +14,7 @@ SMALL_RENDER := --size 64x48 --bounces 2 --quiet
 SMALL_MESH := --mesh apps/render/fuzz/seeds/cube.obj
 
 PRESETS := $(ARCHS) $(SANITIZED)
-.PHONY: test build deps demo bench sanitize memcheck clean \
+.PHONY: test build deps demo bench sanitize memcheck fuzz clean \
   $(PRESETS:%=build-%) $(PRESETS:%=test-%)
 
 test: deps $(ARCHS:%=test-%)
@@ -49,6 +50,19 @@ memcheck:
 	  --suppressions=cmake/sanitize/valgrind.supp \
 	  build/x86_64/apps/render/kelr-render $(SMALL_RENDER) $(SMALL_MESH) --threads 2 \
 	    --out build/x86_64/small.png
+
+# Builds the OBJ fuzz target; FUZZ_SECONDS=600 also runs it that long on the
+# corpus in build/fuzz/corpus, seeded with sample files and the broken ones
+# the tests keep. Findings land in the current folder as crash-* files.
+FUZZ_SECONDS ?= 0
+fuzz:
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) $(FUZZ_PACKAGES)
+	cmake --preset fuzz >/dev/null
+	cmake --build build/fuzz -j $(JOBS) --target obj_fuzz
+	@if [ "$(FUZZ_SECONDS)" -gt 0 ]; then mkdir -p build/fuzz/corpus && \
+	  build/fuzz/apps/render/fuzz/obj_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=4096 \
+	    -timeout=10 build/fuzz/corpus apps/render/fuzz/seeds tests/render/obj; \
+	else echo "Built build/fuzz/apps/render/fuzz/obj_fuzz (FUZZ_SECONDS=600 runs it)"; fi
 
 bench:
 	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) bench/packages.txt

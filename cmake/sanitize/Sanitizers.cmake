@@ -8,3 +8,10 @@ if(KEL_SANITIZE)
     -fno-omit-frame-pointer -g)
   add_link_options(-fsanitize=${kel_sanitizers})
 endif()
+
+# The shared libraries are linked with no undefined symbols left, except
+# under clang's sanitizers: clang links their runtime into programs only.
+set(KEL_LINK_NO_UNDEFINED -Wl,-z,defs)
+if(KEL_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  set(KEL_LINK_NO_UNDEFINED)
+endif()
