@@ -7,14 +7,17 @@ JOBS ?= $(shell nproc)
 CONFIGURE_PACKAGES := packages.txt tests/packages.txt apps/render/packages.txt
 SANITIZE_PACKAGES := cmake/sanitize/packages.txt
 FUZZ_PACKAGES := apps/render/fuzz/packages.txt
+TSAN_PACKAGES := cmake/tsan/packages.txt
+# Where Debian 12's libomp-dev keeps the OpenMP runtime's TSan tool.
+ARCHER := /usr/lib/llvm-14/lib/libarcher.so
 # The renderer's small picture for the sanitizer and memcheck runs, and a
 # small mesh for the slowest of them (the built-in scene's PSAH build takes
-# minutes under valgrind).
+# minutes under valgrind and ThreadSanitizer).
 SMALL_RENDER := --size 64x48 --bounces 2 --quiet
 SMALL_MESH := --mesh apps/render/fuzz/seeds/cube.obj
 
 PRESETS := $(ARCHS) $(SANITIZED)
-.PHONY: test build deps demo bench sanitize memcheck fuzz clean \
+.PHONY: test build deps demo bench sanitize memcheck fuzz tsan clean \
   $(PRESETS:%=build-%) $(PRESETS:%=test-%)
 
 test: deps $(ARCHS:%=test-%)
@@ -63,6 +66,18 @@ fuzz:
 	  build/fuzz/apps/render/fuzz/obj_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=4096 \
 	    -timeout=10 build/fuzz/corpus apps/render/fuzz/seeds tests/render/obj; \
 	else echo "Built build/fuzz/apps/render/fuzz/obj_fuzz (FUZZ_SECONDS=600 runs it)"; fi
+
+# The renderer under ThreadSanitizer: two render threads tracing one tree
+# built by the OpenMP split search. Archer makes LLVM's OpenMP runtime
+# visible to TSan; cmake/tsan/REPORTS.md lists what is still reported.
+tsan:
+	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) $(TSAN_PACKAGES)
+	cmake --preset x86_64-tsan >/dev/null
+	cmake --build build/x86_64-tsan -j $(JOBS) --target kelr-render
+	OMP_TOOL_LIBRARIES=$(ARCHER) \
+	  TSAN_OPTIONS="ignore_noninstrumented_modules=1 second_deadlock_stack=1" \
+	  build/x86_64-tsan/apps/render/kelr-render $(SMALL_RENDER) $(SMALL_MESH) --threads 2 \
+	    --out build/x86_64-tsan/small.png
 
 bench:
 	@sh scripts/deps.sh $(CONFIGURE_PACKAGES) bench/packages.txt
