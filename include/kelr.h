@@ -29,8 +29,10 @@ typedef int32_t KelStatus;
 
 enum {
     KEL_STS_OK = 0,
-    KEL_STS_INTERNAL = -2,     /* PSAH build: split counts did not match     */
-    KEL_STS_NO_MEM = -4,       /* allocation failed, or a fixed area is full */
+    KEL_STS_INTERNAL = -2,     /* PSAH build: split counts did not match       *
+                                * (NaN or infinite coordinates can cause it)  */
+    KEL_STS_NO_MEM = -4,       /* allocation failed, a fixed area is full,     *
+                                * or a size does not fit its type             */
     KEL_STS_BAD_ARG = -5,      /* unknown enumerated value                    */
     KEL_STS_SIZE = -6,         /* length or count out of range                */
     KEL_STS_NULL_PTR = -8,     /* a required pointer is null                  */
