@@ -61,11 +61,11 @@ enum {
     KEL_STS_OK = 0,
     /** A PSAH build found its own bookkeeping inconsistent (the patches
      * distributed to a node's children did not match the counts its split
-     * search predicted). Vertex coordinates that are not numbers (NaN) can
-     * cause it; no tree is returned. */
+     * search predicted). Vertex coordinates that are not numbers (NaN) or
+     * infinite can cause it; no tree is returned. */
     KEL_STS_INTERNAL = -2,
     /** Memory could not be obtained (an allocation hook returned null, or a
-     * size would not fit in 32 bits), a PSAH budget is below what the build
+     * size would not fit its type), a PSAH budget is below what the build
      * sets aside before it starts, or the scalar ray traversal needed more
      * than 50 deferred subtrees for one ray. */
     KEL_STS_NO_MEM = -4,
@@ -157,7 +157,7 @@ KEL_API extern int32_t i_min_version;
  * @param len Number of 32-bit elements (4 bytes each).
  * @return The block, to be released with kelsFree(); null when @p len < 1
  *         (the hook is then not called), when the byte count would not fit
- *         in 32 bits, or when #i_malloc returns null.
+ *         in a size_t (only possible on i386), or when #i_malloc returns null.
  */
 KEL_API int32_t* kelsMalloc_32s(int len);
 /**
@@ -721,7 +721,7 @@ typedef struct KDTreeNode {
  *         or for PSAH KDTreeBuildContext::psahWeight is outside 0..1 or NaN.
  * @retval KEL_STS_BAD_ARG KDTreeBuildContext::algorithm is unknown.
  * @retval KEL_STS_NO_MEM Memory could not be obtained, a size would not fit
- *         in 32 bits, or the tree block would exceed 2 GiB; for PSAH also a
+ *         its type, or the tree block would exceed 2 GiB; for PSAH also a
  *         budget below 32 MiB or below the stores the build sets aside before
  *         it starts (32 MiB and about 12 V + 96 T bytes, 16 MiB more per 4 MiB
  *         of vertex data); nothing has been allocated then.

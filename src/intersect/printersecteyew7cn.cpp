@@ -223,12 +223,16 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
         }
         live |= kel::packet::startInterval(entry, exit, quad, q, tNear, tFar);
     }
+    // A lane with an infinite component hits nothing either (its t is 0 or
+    // NaN), and must not widen the other lanes' error bounds to infinity,
+    // which would sieve out every record.
     for (int a = 0; a < 3; ++a) {
         rays.largestComponent[a] = 0.0f;
-        for (int lane = 0; lane < 4 * Quads; ++lane)
-            if (lanes >> lane & 1)
-                rays.largestComponent[a] =
-                    largest(rays.largestComponent[a], __builtin_fabsf(rays.laneDirection[a][lane]));
+        for (int lane = 0; lane < 4 * Quads; ++lane) {
+            const float component = __builtin_fabsf(rays.laneDirection[a][lane]);
+            if ((lanes >> lane & 1) && component <= kel::kFloatMax)
+                rays.largestComponent[a] = largest(rays.largestComponent[a], component);
+        }
     }
     return kel::packet::traceAndStore(rays, pTree, tNear, tFar, live, pDistance, hit, pTriangleId,
                                       width);

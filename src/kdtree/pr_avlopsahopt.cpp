@@ -543,10 +543,11 @@ void makeEmptyLeaf(PsahBuildNode* node) {
     node->triangles = nullptr;
 }
 
+// Both ends strictly below the pool's end, measured as room left so that no
+// end is formed past the address space.
 bool fitsInPool(const PsahPool& pool, const char* from, int leftCount, int rightCount) {
-    const uintptr_t leftEnd = uintptr_t(from) + uintptr_t(leftCount) * sizeof(PsahPatch);
-    const uintptr_t rightEnd = leftEnd + uintptr_t(rightCount) * sizeof(PsahPatch);
-    return leftEnd < uintptr_t(pool.end) && rightEnd < uintptr_t(pool.end);
+    const uint64_t bytes = (uint64_t(leftCount) + uint64_t(rightCount)) * sizeof(PsahPatch);
+    return bytes < uint64_t(pool.end - from);
 }
 
 }  // namespace

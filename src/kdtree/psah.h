@@ -168,7 +168,7 @@ inline void releaseChunks(PsahChunk* head) {
 // Takes bytes from a pool; null unless cursor + bytes stays strictly below
 // the end.
 inline void* takeFromPool(PsahPool* pool, uint32_t bytes) {
-    if (!(uintptr_t(pool->cursor) + bytes < uintptr_t(pool->end))) return nullptr;
+    if (!(bytes < uint64_t(pool->end - pool->cursor))) return nullptr;
     void* p = pool->cursor;
     pool->cursor += bytes;
     return p;

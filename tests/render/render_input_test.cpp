@@ -117,12 +117,15 @@ TEST(ObjLoader, ExplainsBrokenInput) {
     EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
 
     const char* broken[] = {
-        "",                                          // nothing at all
-        "\x89PNG\r\n\x1a\n binary junk \x01\x02",    // not OBJ
-        "v 0 0 0\nv 1 0 0\nv 0 1 0\n",               // vertices but no face
-        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 7\n",      // index past the end
-        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf -1 -2 -9\n",   // relative index before the start
-        "v 0 0 0\nv 1 1e999 0\nv 0 1 0\nf 1 2 3\n",  // overflows to infinity
+        "",                                           // nothing at all
+        "\x89PNG\r\n\x1a\n binary junk \x01\x02",     // not OBJ
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\n",                // vertices but no face
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 7\n",       // index past the end
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf -1 -2 -9\n",    // relative index before the start
+        "v 0 0 0\nv 1 1e999 0\nv 0 1 0\nf 1 2 3\n",   // overflows to infinity
+        "v 0 0 0\nv 1 nan 0\nv 0 1 0\nf 1 2 3\n",     // read as 0 by the reader itself
+        "v 0 0 0\nv 1 0\n",                           // cut off in a vertex
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\nf 1 2",  // cut off in a face
     };
     for (const char* text : broken) {
         error.clear();
