@@ -893,8 +893,8 @@ KEL_API KelStatus kelrIntersectMO_32f(const float* const origin[3], const float*
  *
  * Paths: the four-ray path runs when @p width and @p height are multiples of
  * 4 and the mask, the ids and the direction planes are 16-byte aligned; it
- * marks the same rays as the scalar loop, up to rounding for triangles that
- * touch a segment's ends.
+ * marks the same rays as the scalar loop, but where several triangles occlude
+ * a ray the id it reports may name another of them.
  *
  * @param origin The light position, three floats.
  * @param direction Plane triple: from the light to each lit point, as written
