@@ -60,10 +60,8 @@ void releaseWorkingMemory(PsahBuildState* state) {
     releaseChunks(&state->recordChunks);
     releasePool(&state->patchPool);
     releasePool(&state->vertexPool);
-    for (int k = 0; k < kScratchArrays; ++k) {
-        kelsFree(state->scratch[k]);
-        state->scratch[k] = nullptr;
-    }
+    kelsFree(state->scratch[0]);
+    for (float*& array : state->scratch) array = nullptr;
 }
 
 // The chunk lists go first, then the pools and scratch arrays still held,
@@ -96,12 +94,14 @@ PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, 
     for (int k = 0; k < kRecordSizeClasses; ++k) state->freeRecords[k] = nullptr;
     state->patchPool.base = state->vertexPool.base = nullptr;
 
-    bool complete = true;
+    // The scratch arrays are carved from one block: the optimisation uses
+    // each axis's four as two regions of two arrays.
+    float* scratch = reinterpret_cast<float*>(kelsMalloc_32s(kScratchArrays * triangleCount));
     for (int k = 0; k < kScratchArrays; ++k) {
-        state->scratch[k] = reinterpret_cast<float*>(kelsMalloc_32s(triangleCount));
+        state->scratch[k] = scratch ? scratch + size_t(k) * T : nullptr;
         state->budget -= T * uint32_t(sizeof(float));
-        complete = complete && (state->scratch[k] || triangleCount == 0);
     }
+    bool complete = scratch || triangleCount == 0;
     complete = allocatePool(state, &state->patchPool, sizes.patch) && complete;
     complete = allocatePool(state, &state->vertexPool, sizes.vertex) && complete;
     if (!complete) {

@@ -1,16 +1,19 @@
 // The PSAH optimisation: grows the build tree depth first from one root leaf.
 // Every node is priced as a leaf against its cheapest axis-aligned split under
 // a surface-area cost model; a split hands the node's patches to two children,
-// cutting the ones that straddle the plane. Small nodes are searched here in
-// single precision; wide ones search their axes on separate threads in double
-// precision. Nothing is allocated per node: records come from the build
-// state's chunk lists, its two stack-like pools and its free lists.
-#include "kdtree/psah.h"
+// cutting the ones that straddle the plane. Small nodes are searched in single
+// precision, wide ones in double. The patches' extents are sorted once, at the
+// root; a split hands each sorted list to the children in order and merges in
+// the pieces of the patches it cut, so no node sorts again. Nothing is
+// allocated per node: records come from the build state's chunk lists, its
+// two stack-like pools and its free lists.
+#include "kdtree/psah_events.h"
 
 namespace {
 
 using kel::PsahBuildNode;
 using kel::PsahBuildState;
+using kel::PsahEvent;
 using kel::PsahPatch;
 using kel::PsahPool;
 using kel::SplitDecision;
@@ -26,7 +29,7 @@ constexpr double kProductFloor = 1e-09;
 constexpr double kNoCost = 1.7976931348623157e+308;
 constexpr double kLeafFactorScale = 0.5057569742202759;
 
-// Nodes up to this many patches are searched in line with comparison sorts.
+// Nodes up to this many patches are searched in single precision.
 constexpr int kSmallNodeMax = 75;
 // From this many values on the radix sort beats the comparison sort.
 constexpr int kRadixMinCount = 321;
@@ -43,16 +46,6 @@ struct AxisSplit {
     int32_t leftCount;
     int32_t rightCount;
     int32_t planarSide;
-};
-
-// A node with its box and depth, and the pool positions to return to when
-// it is taken up: the current node, or a deferred left child.
-struct PsahStackEntry {
-    PsahBuildNode* node;
-    float box[6];
-    int32_t depth;
-    char* patchMark;
-    char* vertexMark;
 };
 
 inline float extentOf(const float* box, int axis) {
@@ -84,48 +77,19 @@ void rewindPool(PsahPool* pool, char* mark) {
     if (m >= uintptr_t(pool->base) && m < uintptr_t(pool->end)) pool->cursor = mark;
 }
 
-// ---------------------------------------------------------------------------
-// Events of one axis: the patches' extents, sorted.
-
-struct AxisEvents {
-    float* minima;
-    float* maxima;
-    float* planar;
-    int count;        // non-planar patches: entries in minima and maxima
-    int planarCount;  // patches lying in one plane across the axis
-};
-
-void sortEvents(float* values, int count, float* workspace) {
-    if (count >= kRadixMinCount)
-        ownRadixSortAccend_32f_w7(values, workspace, uint32_t(count));
-    else
-        kelsSortAscend_32f_I(values, count);  // refuses an empty array, which needs no sort
+inline float valueOf(float v) {
+    return v;
 }
-
-// Minima and maxima are sorted independently: the sweep only counts how many
-// of each lie on either side of a candidate. arrays are minima, maxima,
-// planar values and sort workspace.
-AxisEvents gatherEvents(const PsahPatch* patches, int n, int axis, float* const* arrays) {
-    AxisEvents ev = {arrays[0], arrays[1], arrays[2], 0, 0};
-    for (int i = 0; i < n; ++i) {
-        const float lo = kel::patchMin(patches[i], axis), hi = kel::patchMax(patches[i], axis);
-        if (lo == hi) {
-            ev.planar[ev.planarCount++] = lo;
-        } else {
-            ev.minima[ev.count] = lo;
-            ev.maxima[ev.count++] = hi;
-        }
-    }
-    sortEvents(ev.minima, ev.count, arrays[3]);
-    sortEvents(ev.maxima, ev.count, arrays[3]);
-    if (ev.planarCount > 0) kelsSortAscend_32f_I(ev.planar, ev.planarCount);
-    return ev;
+inline float valueOf(const PsahEvent& e) {
+    return e.value;
 }
 
 // ---------------------------------------------------------------------------
 // The sweep along one axis, shared by the small-node search (Real = float)
 // and the wide-node search (Real = double). Candidates are compared in double
-// either way; of equal costs the first one found is kept.
+// either way; of equal costs the first one found is kept. The events are the
+// sorted lists (Elem = PsahEvent) or values gathered and sorted in place
+// (Elem = float); only their values count.
 
 struct BestCandidate {
     double cost = kNoCost;
@@ -166,8 +130,8 @@ struct SplitPricer {
     }
 };
 
-template <typename Real, bool kPlanar>
-void sweepAxis(const float* minima, const float* maxima, const float* planar, int count,
+template <typename Real, bool kPlanar, typename Elem>
+void sweepAxis(const Elem* minima, const Elem* maxima, const Elem* planar, int count,
                int planarCount, float lo, float hi, float e1, float e2, AxisSplit* out) {
     const int total = count + planarCount;
     const Real otherSum = Real(e1) + Real(e2);
@@ -175,13 +139,16 @@ void sweepAxis(const float* minima, const float* maxima, const float* planar, in
     // A box flat on another axis has no side faces worth pricing.
     const Real r = double(product) >= kProductFloor ? product / otherSum : Real(0);
     const SplitPricer<Real> price = {Real(lo), Real(hi), r};
+    auto minimum = [minima](int i) { return valueOf(minima[i]); };
+    auto maximum = [maxima](int i) { return valueOf(maxima[i]); };
+    auto planarValue = [planar](int i) { return valueOf(planar[i]); };
     BestCandidate best;
 
-    float lowest = count > 0 ? minima[0] : lo;
-    float highest = count > 0 ? maxima[count - 1] : hi;
+    float lowest = count > 0 ? minimum(0) : lo;
+    float highest = count > 0 ? maximum(count - 1) : hi;
     if (kPlanar) {
-        if (planar[0] < lowest) lowest = planar[0];
-        if (planar[planarCount - 1] > highest) highest = planar[planarCount - 1];
+        if (planarValue(0) < lowest) lowest = planarValue(0);
+        if (planarValue(planarCount - 1) > highest) highest = planarValue(planarCount - 1);
     }
     const float tenth = (hi - lo) * kEmptyFraction;
     if (lowest - lo > tenth) best.offer(double(price(lowest, 0, total)), lowest, 0, total, 1);
@@ -197,14 +164,14 @@ void sweepAxis(const float* minima, const float* maxima, const float* planar, in
         // Planar patches in a box face split off into a flat child, with the
         // same bonus as an empty-space cut.
         const Real bonus = Real(kEmptyBonusF);
-        if (planar[0] == lo) {
+        if (planarValue(0) == lo) {
             int m = 1;
-            while (m < planarCount && planar[m] == lo) ++m;
+            while (m < planarCount && planarValue(m) == lo) ++m;
             best.offer(double(price(lo, m, total - m) * bonus), lo, m, total - m, 0);
         }
-        if (planar[planarCount - 1] == hi) {
+        if (planarValue(planarCount - 1) == hi) {
             int m = 1;
-            while (m < planarCount && planar[planarCount - 1 - m] == hi) ++m;
+            while (m < planarCount && planarValue(planarCount - 1 - m) == hi) ++m;
             best.offer(double(price(hi, total - m, m) * bonus), hi, total - m, m, 1);
         }
     }
@@ -212,13 +179,13 @@ void sweepAxis(const float* minima, const float* maxima, const float* planar, in
     // At a candidate x: minima[0, below) < x, maxima[0, passed) <= x and
     // planar[0, planarBelow) < x.
     int below = 0, passed = 0, planarBelow = 0;
-    float x = count > 0 ? minima[0] : planar[0];
-    if (kPlanar && count > 0 && planar[0] < x) x = planar[0];
+    float x = count > 0 ? minimum(0) : planarValue(0);
+    if (kPlanar && count > 0 && planarValue(0) < x) x = planarValue(0);
     for (;;) {
-        while (passed < count && maxima[passed] <= x) ++passed;
+        while (passed < count && maximum(passed) <= x) ++passed;
         int onPlane = 0;
         if (kPlanar) {
-            while (planarBelow + onPlane < planarCount && planar[planarBelow + onPlane] == x)
+            while (planarBelow + onPlane < planarCount && planarValue(planarBelow + onPlane) == x)
                 ++onPlane;
         }
         const int left = below + planarBelow, right = total - planarBelow - passed;
@@ -227,14 +194,14 @@ void sweepAxis(const float* minima, const float* maxima, const float* planar, in
             best.offer(double(price(x, left + onPlane, right - onPlane)), x, left + onPlane,
                        right - onPlane, 0);
 
-        while (below < count && minima[below] <= x) ++below;
+        while (below < count && minimum(below) <= x) ++below;
         planarBelow += onPlane;
         const bool maximumAbove = passed < count;
         const bool planarAbove = kPlanar && planarBelow < planarCount;
         if (!maximumAbove && !planarAbove) break;
-        float next = maximumAbove ? maxima[passed] : planar[planarBelow];
-        if (planarAbove && planar[planarBelow] < next) next = planar[planarBelow];
-        if (below < count && minima[below] < next) next = minima[below];
+        float next = maximumAbove ? maximum(passed) : planarValue(planarBelow);
+        if (planarAbove && planarValue(planarBelow) < next) next = planarValue(planarBelow);
+        if (below < count && minimum(below) < next) next = minimum(below);
         if (!(next > x)) break;  // only a NaN stops the events from rising
         x = next;
     }
@@ -273,102 +240,270 @@ AxisSplit unsearched(double cLeaf) {
 
 // The sweeps of small nodes, in single precision: without planar patches and
 // with them.
-void sweepSmallNode_NS(const float* minima, const float* maxima, int count, float lo, float hi,
+template <typename Elem>
+void sweepSmallNode_NS(const Elem* minima, const Elem* maxima, int count, float lo, float hi,
                        float e1, float e2, AxisSplit* out) {
-    sweepAxis<float, false>(minima, maxima, nullptr, count, 0, lo, hi, e1, e2, out);
+    sweepAxis<float, false>(minima, maxima, minima, count, 0, lo, hi, e1, e2, out);
 }
-void sweepSmallNode(const float* minima, const float* maxima, const float* planar, int count,
+template <typename Elem>
+void sweepSmallNode(const Elem* minima, const Elem* maxima, const Elem* planar, int count,
                     int planarCount, float lo, float hi, float e1, float e2, AxisSplit* out) {
     sweepAxis<float, true>(minima, maxima, planar, count, planarCount, lo, hi, e1, e2, out);
 }
 
-// One axis of a node: its events gathered into the four arrays, then the
-// sweep that fits them. Without planar patches nothing lies in any plane, and
-// the side they would take is reported as the right one.
-template <auto kSweepWithoutPlanar, auto kSweepWithPlanar>
-void searchAxis(const PsahPatch* patches, int n, int axis, const float* box, float* const* arrays,
-                AxisSplit* out) {
-    const AxisEvents ev = gatherEvents(patches, n, axis, arrays);
-    const float e1 = extentOf(box, kOtherAxes[axis]), e2 = extentOf(box, kOtherAxes[axis + 1]);
-    if (ev.planarCount == 0) {
-        kSweepWithoutPlanar(ev.minima, ev.maxima, ev.count, box[axis], box[axis + 3], e1, e2, out);
-        out->planarSide = 1;
-    } else {
-        kSweepWithPlanar(ev.minima, ev.maxima, ev.planar, ev.count, ev.planarCount, box[axis],
-                         box[axis + 3], e1, e2, out);
-    }
-}
-
-// Small nodes reuse the x-axis scratch arrays for every axis.
-void searchSmallNode(const PsahPatch* patches, int n, const float* box, float* const* scratch,
-                     float k, SplitDecision* d) {
-    AxisSplit results[3];
-    for (int axis = 0; axis < 3; ++axis) {
-        results[axis] = unsearched(d->cost);
-        if (axisSearchable(box, axis))
-            searchAxis<sweepSmallNode_NS, sweepSmallNode>(patches, n, axis, box, scratch,
-                                                          &results[axis]);
-    }
-    decideSplit(results, n, d->cost, k, d);
-}
-
 }  // namespace
-
-// ---------------------------------------------------------------------------
-// Wide nodes: one sweep per axis in double precision.
 
 // The sweeps of wide nodes, in double precision: without planar patches and
 // with them, where the side of the patches lying in the plane is chosen too.
-static void localLeftRightSearch_NS(const float* minima, const float* maxima, int count, float lo,
+template <typename Elem>
+static void localLeftRightSearch_NS(const Elem* minima, const Elem* maxima, int count, float lo,
                                     float hi, float e1, float e2, AxisSplit* out) {
-    sweepAxis<double, false>(minima, maxima, nullptr, count, 0, lo, hi, e1, e2, out);
+    sweepAxis<double, false>(minima, maxima, minima, count, 0, lo, hi, e1, e2, out);
 }
-static void localLeftRightSearch(const float* minima, const float* maxima, const float* planar,
+template <typename Elem>
+static void localLeftRightSearch(const Elem* minima, const Elem* maxima, const Elem* planar,
                                  int count, int planarCount, float lo, float hi, float e1, float e2,
                                  AxisSplit* out) {
     sweepAxis<double, true>(minima, maxima, planar, count, planarCount, lo, hi, e1, e2, out);
 }
 
-// Runs on its own thread: reads the patches and the box, writes only this
-// axis's four scratch arrays and its result.
-static void searchWideAxis(int axis, const PsahBuildNode* node, const float* box,
-                           float* const* scratch, AxisSplit* out) {
-    searchAxis<localLeftRightSearch_NS, localLeftRightSearch>(node->patches, node->count, axis, box,
-                                                              scratch + 4 * axis, out);
+namespace {
+
+// One axis's events and the sweep that fits them. Without planar patches
+// nothing lies in any plane, and the side they would take is reported as the
+// right one.
+template <bool kWide, typename Elem>
+void sweepEvents(const Elem* minima, const Elem* maxima, const Elem* planar, int count,
+                 int planarCount, const float* box, int axis, AxisSplit* out) {
+    const float lo = box[axis], hi = box[axis + 3];
+    const float e1 = extentOf(box, kOtherAxes[axis]), e2 = extentOf(box, kOtherAxes[axis + 1]);
+    if (planarCount == 0) {
+        if (kWide)
+            localLeftRightSearch_NS(minima, maxima, count, lo, hi, e1, e2, out);
+        else
+            sweepSmallNode_NS(minima, maxima, count, lo, hi, e1, e2, out);
+        out->planarSide = 1;
+    } else if (kWide) {
+        localLeftRightSearch(minima, maxima, planar, count, planarCount, lo, hi, e1, e2, out);
+    } else {
+        sweepSmallNode(minima, maxima, planar, count, planarCount, lo, hi, e1, e2, out);
+    }
 }
 
-// The axes are compared only after the parallel region, so the choice does
-// not depend on which thread finished first or how many threads there were.
-static void localFindBestSplitSortSearch_MT(SplitDecision* decision, const PsahBuildNode* node,
-                                            const float* box, float* const* scratch, float k) {
+// ---------------------------------------------------------------------------
+// Events gathered in patch order and sorted in place: what the sorted lists
+// stand in for. Values that compare equal with different bits (-0.0 and
+// +0.0) come out of the comparison sort in an order of its own, and NaNs
+// where each sort puts them; a node whose lists hold such values is searched
+// from gathered events.
+
+void sortValues(float* values, int count, float* workspace) {
+    if (count >= kRadixMinCount)
+        ownRadixSortAccend_32f_w7(values, workspace, uint32_t(count));
+    else
+        kelsSortAscend_32f_I(values, count);  // refuses an empty array, which needs no sort
+}
+
+// Room for n floats, rounded up so that arrays of it laid end to end stay
+// 16-byte aligned, as the radix sort needs.
+inline size_t gatherStride(int n) {
+    return (size_t(n) + 3) & ~size_t(3);
+}
+
+// Minima and maxima are sorted independently: the sweep only counts how many
+// of each lie on either side of a candidate. values holds four arrays of
+// gatherStride(n) floats: minima, maxima, planar values and sort workspace.
+template <bool kWide>
+void sweepGathered(const PsahPatch* patches, int n, int axis, const float* box, float* values,
+                   AxisSplit* out) {
+    const size_t stride = gatherStride(n);
+    float* minima = values;
+    float* maxima = values + stride;
+    float* planar = values + 2 * stride;
+    int count = 0, planarCount = 0;
+    for (int i = 0; i < n; ++i) {
+        const float lo = kel::patchMin(patches[i], axis), hi = kel::patchMax(patches[i], axis);
+        if (lo == hi) {
+            planar[planarCount++] = lo;
+        } else {
+            minima[count] = lo;
+            maxima[count++] = hi;
+        }
+    }
+    sortValues(minima, count, values + 3 * stride);
+    sortValues(maxima, count, values + 3 * stride);
+    if (planarCount > 0) kelsSortAscend_32f_I(planar, planarCount);
+    sweepEvents<kWide>(minima, maxima, planar, count, planarCount, box, axis, out);
+}
+
+bool isNaN(const PsahEvent& e) {
+    return e.value != e.value;
+}
+
+bool hasNaN(const PsahEvent* list, int n) {
+    return n > 0 && (isNaN(list[0]) || isNaN(list[n - 1]));
+}
+
+// In key order -0.0 comes right before +0.0.
+bool hasBothZeros(const PsahEvent* list, int n) {
+    const uint32_t positiveZeroKey = kel::eventKey(0.0f);
+    int lo = 0, hi = n;  // the first entry with a key of +0.0 or more
+    while (lo < hi) {
+        const int mid = (lo + hi) / 2;
+        if (kel::eventKey(list[mid].value) < positiveZeroKey)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo > 0 && lo < n && kel::eventKey(list[lo - 1].value) == positiveZeroKey - 1 &&
+           kel::eventKey(list[lo].value) == positiveZeroKey;
+}
+
+// ---------------------------------------------------------------------------
+// The current node's sorted lists. Per axis one region holds the minima from
+// its start and the planar values at its end, another the maxima at its end;
+// no node has more patches than the root, whose count sizes the regions.
+
+struct Working {
+    PsahEvent* front[3];
+    PsahEvent* back[3];
+    int capacity;
+    int count[3];        // non-planar patches: entries in minima and maxima
+    int planarCount[3];  // patches lying in one plane across the axis
+
+    PsahEvent* minima(int a) const { return front[a]; }
+    PsahEvent* planar(int a) const { return front[a] + capacity - planarCount[a]; }
+    PsahEvent* maxima(int a) const { return back[a] + capacity - count[a]; }
+
+    // Whether the lists hold the very values a sort of gathered events
+    // would; mayHoldNegativeZero tells whether -0.0 can occur at all.
+    bool asGathered(int a, bool mayHoldNegativeZero) const {
+        const int n = count[a], p = planarCount[a];
+        if (hasNaN(minima(a), n) || hasNaN(maxima(a), n) || hasNaN(planar(a), p)) return false;
+        if (!mayHoldNegativeZero) return true;
+        if (n < kRadixMinCount && (hasBothZeros(minima(a), n) || hasBothZeros(maxima(a), n)))
+            return false;
+        return !hasBothZeros(planar(a), p);
+    }
+};
+
+// A split's cut patch: where its pieces went, and its extents before the
+// cut, against which the pieces' are checked.
+struct CutRecord {
+    int32_t left, right;
+    float lo[3], hi[3];
+};
+
+// Everything the loop keeps besides the build state: the working lists, the
+// per-patch destinations of the node being split, the cuts of that split,
+// the deferred left children's lists and scratch for the rest.
+struct Builder {
+    PsahBuildState* state = nullptr;
+    Working lists;
+    int32_t* destination = nullptr;  // per patch: position in its child << 2 | Side
+    kel::PsahScratch cuts;
+    kel::PsahScratch scratch;
+    kel::PsahArena deferred;
+    bool negativeZero[3];  // some coordinate on the axis may be -0.0
+};
+
+enum Side : int32_t { kLeftSide = 0, kRightSide = 1, kBothSides = 2 };
+
+void releaseBuilder(Builder* b) {
+    kelsFree(b->destination);
+    kel::scratchRelease(&b->cuts);
+    kel::scratchRelease(&b->scratch);
+    kel::arenaRelease(&b->deferred);
+}
+
+bool isNegativeZero(float v) {
+    return __builtin_bit_cast(uint32_t, v) == 0x80000000u;
+}
+
+void noteNegativeZeros(Builder* b, const float* points, const float* end) {
+    for (int k = 0; points + k < end; ++k)
+        if (isNegativeZero(points[k])) b->negativeZero[k % 3] = true;
+}
+
+// One axis of the root: every patch's extent gathered and sorted by key.
+KelStatus sortRootAxis(Builder* b, const PsahPatch* patches, int n, int axis) {
+    Working& w = b->lists;
+    const int cap = w.capacity;
+    int count = 0, planarCount = 0;
+    for (int i = 0; i < n; ++i) {
+        const float lo = kel::patchMin(patches[i], axis), hi = kel::patchMax(patches[i], axis);
+        if (lo == hi) {
+            w.front[axis][cap - 1 - planarCount++] = PsahEvent{lo, i};
+        } else {
+            w.front[axis][count] = PsahEvent{lo, i};
+            w.back[axis][cap - 1 - count++] = PsahEvent{hi, i};
+        }
+    }
+    w.count[axis] = count;
+    w.planarCount[axis] = planarCount;
+    auto* temp =
+        static_cast<PsahEvent*>(kel::scratchOf(&b->scratch, sizeof(PsahEvent) * size_t(n)));
+    if (!temp) return KEL_STS_NO_MEM;
+    kel::sortEventsByKey(w.minima(axis), count, temp);
+    kel::sortEventsByKey(w.maxima(axis), count, temp);
+    kel::sortEventsByKey(w.planar(axis), planarCount, temp);
+    return KEL_STS_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Split search of the current node.
+
+template <bool kWide>
+KelStatus searchAxis(Builder* b, const PsahPatch* patches, int n, int axis, const float* box,
+                     AxisSplit* out) {
+    const Working& w = b->lists;
+    if (w.asGathered(axis, b->negativeZero[axis])) {
+        sweepEvents<kWide>(w.minima(axis), w.maxima(axis), w.planar(axis), w.count[axis],
+                           w.planarCount[axis], box, axis, out);
+        return KEL_STS_OK;
+    }
+    auto* values =
+        static_cast<float*>(kel::scratchOf(&b->scratch, 4 * sizeof(float) * gatherStride(n)));
+    if (!values) return KEL_STS_NO_MEM;
+    sweepGathered<kWide>(patches, n, axis, box, values, out);
+    return KEL_STS_OK;
+}
+
+}  // namespace
+
+// The axes are compared only after all are searched, so the choice does not
+// depend on the order they were searched in.
+static KelStatus localFindBestSplitSortSearch_MT(Builder* b, SplitDecision* decision,
+                                                 const PsahBuildNode* node, const float* box,
+                                                 float k) {
     AxisSplit results[3];
-    int axes[3];
-    int searched = 0;
     for (int axis = 0; axis < 3; ++axis) {
         results[axis] = unsearched(decision->cost);
-        if (axisSearchable(box, axis)) axes[searched++] = axis;
-    }
-    if (searched == 3) {
-#pragma omp parallel sections num_threads(3)
-        {
-#pragma omp section
-            searchWideAxis(0, node, box, scratch, &results[0]);
-#pragma omp section
-            searchWideAxis(1, node, box, scratch, &results[1]);
-#pragma omp section
-            searchWideAxis(2, node, box, scratch, &results[2]);
-        }
-    } else if (searched == 2) {
-#pragma omp parallel sections num_threads(2)
-        {
-#pragma omp section
-            searchWideAxis(axes[0], node, box, scratch, &results[axes[0]]);
-#pragma omp section
-            searchWideAxis(axes[1], node, box, scratch, &results[axes[1]]);
-        }
+        if (!axisSearchable(box, axis)) continue;
+        const KelStatus status =
+            searchAxis<true>(b, node->patches, node->count, axis, box, &results[axis]);
+        if (status != KEL_STS_OK) return status;
     }
     decideSplit(results, node->count, decision->cost, k, decision);
+    return KEL_STS_OK;
 }
+
+namespace {
+
+KelStatus searchSmallNode(Builder* b, const PsahPatch* patches, int n, const float* box, float k,
+                          SplitDecision* d) {
+    AxisSplit results[3];
+    for (int axis = 0; axis < 3; ++axis) {
+        results[axis] = unsearched(d->cost);
+        if (!axisSearchable(box, axis)) continue;
+        const KelStatus status = searchAxis<false>(b, patches, n, axis, box, &results[axis]);
+        if (status != KEL_STS_OK) return status;
+    }
+    decideSplit(results, n, d->cost, k, d);
+    return KEL_STS_OK;
+}
+
+}  // namespace
 
 // ---------------------------------------------------------------------------
 // Patch cut.
@@ -475,11 +610,9 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
 }
 
 // ---------------------------------------------------------------------------
-// The main loop.
+// The split: patches and their lists handed to the children.
 
 namespace {
-
-enum class Side { kLeft, kRight, kBoth };
 
 // Straddling patches go to both sides as pieces; patches lying in the plane
 // follow the decision's planar side.
@@ -487,38 +620,256 @@ Side sideOf(const PsahPatch& p, const SplitDecision& d) {
     const float s = d.position;
     const float mn = kel::patchMin(p, d.axis), mx = kel::patchMax(p, d.axis);
     if (mn == mx) {
-        if (s - mn > 0) return Side::kLeft;
-        if (mn - s > 0) return Side::kRight;
-        return d.planarSide == 0 ? Side::kLeft : Side::kRight;
+        if (s - mn > 0) return kLeftSide;
+        if (mn - s > 0) return kRightSide;
+        return d.planarSide == 0 ? kLeftSide : kRightSide;
     }
-    if (mx - s <= 0) return Side::kLeft;
-    if (s - mn > 0) return Side::kBoth;
-    return Side::kRight;
+    if (mx - s <= 0) return kLeftSide;
+    if (s - mn > 0) return kBothSides;
+    return kRightSide;
 }
 
-// Hands the patches to their sides, in patch order. The search counted
-// exactly these sides; a difference means the two disagree.
-KelStatus distributePatches(PsahBuildState* state, const PsahPatch* patches, int n,
-                            const SplitDecision& d, PsahPatch* left, PsahPatch* right) {
-    int nLeft = 0, nRight = 0;
+KelStatus logCut(Builder* b, int cuts, const PsahPatch& patch, int left, int right) {
+    auto* log = static_cast<CutRecord*>(kel::scratchGrow(
+        &b->cuts, sizeof(CutRecord) * size_t(cuts + 1), sizeof(CutRecord) * size_t(cuts)));
+    if (!log) return KEL_STS_NO_MEM;
+    CutRecord& c = log[cuts];
+    c.left = left;
+    c.right = right;
+    for (int a = 0; a < 3; ++a) {
+        c.lo[a] = kel::patchMin(patch, a);
+        c.hi[a] = kel::patchMax(patch, a);
+    }
+    return KEL_STS_OK;
+}
+
+// Hands the patches to their sides, in patch order, and notes where each
+// went. The search counted exactly these sides; a difference means the two
+// disagree.
+KelStatus distributePatches(Builder* b, const PsahPatch* patches, int n, const SplitDecision& d,
+                            PsahPatch* left, PsahPatch* right, int* cutCount) {
+    int nLeft = 0, nRight = 0, cuts = 0;
     for (int i = 0; i < n; ++i) {
         const Side side = sideOf(patches[i], d);
         // Counts only grow, so an overrun is final; stop before a side writes
         // past its place in the pool.
-        if ((side != Side::kRight && nLeft == d.leftCount) ||
-            (side != Side::kLeft && nRight == d.rightCount))
+        if ((side != kRightSide && nLeft == d.leftCount) ||
+            (side != kLeftSide && nRight == d.rightCount))
             return KEL_STS_INTERNAL;
-        if (side == Side::kBoth) {
-            KelStatus status = localPatchCut(&patches[i], &left[nLeft++], &right[nRight++],
-                                             d.position, d.axis, state);
+        if (side == kBothSides) {
+            KelStatus status = logCut(b, cuts++, patches[i], nLeft, nRight);
             if (status != KEL_STS_OK) return status;
-        } else if (side == Side::kLeft) {
+            b->destination[i] = kBothSides;
+            status = localPatchCut(&patches[i], &left[nLeft++], &right[nRight++], d.position,
+                                   d.axis, b->state);
+            if (status != KEL_STS_OK) return status;
+        } else if (side == kLeftSide) {
+            b->destination[i] = nLeft << 2 | kLeftSide;
             copyRecords(&patches[i], &left[nLeft++], 1);
         } else {
+            b->destination[i] = nRight << 2 | kRightSide;
             copyRecords(&patches[i], &right[nRight++], 1);
         }
     }
+    *cutCount = cuts;
     return nLeft == d.leftCount && nRight == d.rightCount ? KEL_STS_OK : KEL_STS_INTERNAL;
+}
+
+// One side's entries from the pieces of the cut patches, on one axis.
+struct PieceEvents {
+    PsahEvent* minima;
+    PsahEvent* maxima;
+    PsahEvent* planar;
+    int count = 0, planarCount = 0;
+};
+
+// Gathers the pieces' extents on the axis, sorted by key. False when some
+// piece reaches beyond the patch it was cut from: its entry would then come
+// before the entry it replaces, and the lists cannot be rewritten in place.
+bool gatherPieces(const CutRecord* cuts, int cutCount, const PsahPatch* left,
+                  const PsahPatch* right, int axis, PieceEvents* pieces, PsahEvent* temp) {
+    bool within = true;
+    for (int c = 0; c < cutCount; ++c) {
+        for (int side = 0; side < 2; ++side) {
+            const int at = side == 0 ? cuts[c].left : cuts[c].right;
+            const PsahPatch& piece = side == 0 ? left[at] : right[at];
+            const float lo = kel::patchMin(piece, axis), hi = kel::patchMax(piece, axis);
+            within = within && kel::eventKey(lo) >= kel::eventKey(cuts[c].lo[axis]) &&
+                     kel::eventKey(hi) <= kel::eventKey(cuts[c].hi[axis]);
+            PieceEvents& p = pieces[side];
+            if (lo == hi) {
+                p.planar[p.planarCount++] = PsahEvent{lo, at};
+            } else {
+                p.minima[p.count] = PsahEvent{lo, at};
+                p.maxima[p.count++] = PsahEvent{hi, at};
+            }
+        }
+    }
+    for (PieceEvents* p = pieces; p != pieces + 2; ++p) {
+        kel::sortEventsByKey(p->minima, p->count, temp);
+        kel::sortEventsByKey(p->maxima, p->count, temp);
+        kel::sortEventsByKey(p->planar, p->planarCount, temp);
+    }
+    return within;
+}
+
+// Entries merged in key order from a list and the pieces' entries of a side.
+struct MergeInto {
+    PsahEvent* out;
+    const PsahEvent* pieces;
+    const PsahEvent* piecesEnd;
+};
+
+// Kept entries go to their side under their new positions, cut patches'
+// entries give way to their pieces'. Ascending: the outputs grow upwards,
+// and the right side may overwrite the list as it is read, since no piece
+// starts below the patch it comes from.
+void partitionUp(const PsahEvent* list, int n, const int32_t* destination, MergeInto sides[2]) {
+    for (int k = 0; k < n; ++k) {
+        const PsahEvent e = list[k];
+        const int32_t to = destination[e.patch];
+        const int side = to & 3;
+        if (side == kBothSides) continue;
+        MergeInto& m = sides[side];
+        const uint32_t key = kel::eventKey(e.value);
+        while (m.pieces != m.piecesEnd && kel::eventKey(m.pieces->value) < key)
+            *m.out++ = *m.pieces++;
+        *m.out++ = PsahEvent{e.value, to >> 2};
+    }
+    for (int side = 0; side < 2; ++side)
+        while (sides[side].pieces != sides[side].piecesEnd)
+            *sides[side].out++ = *sides[side].pieces++;
+}
+
+// The same from the top down: the outputs grow downwards from one past their
+// ends, and the pieces' entries are taken from their ends. No piece ends
+// above the patch it comes from.
+void partitionDown(const PsahEvent* list, int n, const int32_t* destination, MergeInto sides[2]) {
+    for (int k = n - 1; k >= 0; --k) {
+        const PsahEvent e = list[k];
+        const int32_t to = destination[e.patch];
+        const int side = to & 3;
+        if (side == kBothSides) continue;
+        MergeInto& m = sides[side];
+        const uint32_t key = kel::eventKey(e.value);
+        while (m.piecesEnd != m.pieces && kel::eventKey(m.piecesEnd[-1].value) > key)
+            *--m.out = *--m.piecesEnd;
+        *--m.out = PsahEvent{e.value, to >> 2};
+    }
+    for (int side = 0; side < 2; ++side)
+        while (sides[side].piecesEnd != sides[side].pieces)
+            *--sides[side].out = *--sides[side].piecesEnd;
+}
+
+// A deferred left child's lists, kept in the deferred arena per axis as
+// minima, maxima, planar values.
+struct DeferredLists {
+    PsahEvent* events;
+    int count[3];
+    int planarCount[3];
+    kel::PsahArenaMark mark;  // the arena as it was before these lists
+};
+
+// Planar entries of the list whose patch goes to the side.
+int countPlanar(const PsahEvent* planar, int n, const int32_t* destination, int side) {
+    int m = 0;
+    for (int k = 0; k < n; ++k) m += (destination[planar[k].patch] & 3) == side;
+    return m;
+}
+
+// Rewrites the working lists as the right child's and writes the left
+// child's into the deferred arena.
+KelStatus partitionLists(Builder* b, const PsahPatch* left, const PsahPatch* right,
+                         const SplitDecision& d, int cutCount, DeferredLists* out) {
+    Working& w = b->lists;
+    const auto* cuts = static_cast<const CutRecord*>(b->cuts.data);
+    int leftPlanar[3], rightPlanar[3];
+    size_t leftEvents = 0, scratchEvents = 0;
+    for (int a = 0; a < 3; ++a) {
+        const int p = w.planarCount[a];
+        leftPlanar[a] = countPlanar(w.planar(a), p, b->destination, kLeftSide);
+        rightPlanar[a] = countPlanar(w.planar(a), p, b->destination, kRightSide);
+        leftEvents += 2 * size_t(d.leftCount) - size_t(leftPlanar[a]);
+        const size_t need = 8 * size_t(cutCount) + 2 * size_t(w.count[a]) + 2 * size_t(p);
+        if (need > scratchEvents) scratchEvents = need;
+    }
+    out->mark = kel::arenaMark(b->deferred);
+    out->events =
+        static_cast<PsahEvent*>(kel::arenaTake(&b->deferred, sizeof(PsahEvent) * leftEvents));
+    auto* scratch =
+        static_cast<PsahEvent*>(kel::scratchOf(&b->scratch, sizeof(PsahEvent) * scratchEvents));
+    if (!out->events || !scratch) return KEL_STS_NO_MEM;
+
+    PsahEvent* leftLists = out->events;
+    for (int a = 0; a < 3; ++a) {
+        const int C = cutCount;
+        PieceEvents pieces[2];
+        for (int side = 0; side < 2; ++side) {
+            pieces[side].minima = scratch + (3 * side) * C;
+            pieces[side].maxima = scratch + (3 * side + 1) * C;
+            pieces[side].planar = scratch + (3 * side + 2) * C;
+        }
+        PsahEvent* rest = scratch + 7 * C;  // after the pieces and their sort workspace
+        const bool inPlace = gatherPieces(cuts, C, left, right, a, pieces, scratch + 6 * C);
+        leftPlanar[a] += pieces[0].planarCount;
+        rightPlanar[a] += pieces[1].planarCount;
+        const int leftCount = d.leftCount - leftPlanar[a];
+        const int rightCount = d.rightCount - rightPlanar[a];
+
+        // Where pieces could overtake the entries they replace, the lists are
+        // read from a copy.
+        const PsahEvent* minima = w.minima(a);
+        const PsahEvent* maxima = w.maxima(a);
+        const int n = w.count[a], p = w.planarCount[a];
+        if (!inPlace) {
+            copyRecords(minima, rest, n);
+            copyRecords(maxima, rest + n, n);
+            minima = rest;
+            maxima = rest + n;
+            rest += 2 * n;
+        }
+        // Planar pieces may come from patches that were not planar, so the
+        // planar values are always read from a copy; the right ones are
+        // written behind it and moved into place.
+        PsahEvent* planar = rest;
+        copyRecords(w.planar(a), planar, p);
+        PsahEvent* rightPlanarOut = planar + p;
+
+        MergeInto up[2] = {{leftLists, pieces[0].minima, pieces[0].minima + pieces[0].count},
+                           {w.front[a], pieces[1].minima, pieces[1].minima + pieces[1].count}};
+        partitionUp(minima, n, b->destination, up);
+        MergeInto down[2] = {
+            {leftLists + 2 * leftCount, pieces[0].maxima, pieces[0].maxima + pieces[0].count},
+            {w.back[a] + w.capacity, pieces[1].maxima, pieces[1].maxima + pieces[1].count}};
+        partitionDown(maxima, n, b->destination, down);
+        MergeInto flat[2] = {
+            {leftLists + 2 * leftCount, pieces[0].planar, pieces[0].planar + pieces[0].planarCount},
+            {rightPlanarOut, pieces[1].planar, pieces[1].planar + pieces[1].planarCount}};
+        partitionUp(planar, p, b->destination, flat);
+
+        w.count[a] = rightCount;
+        w.planarCount[a] = rightPlanar[a];
+        copyRecords(rightPlanarOut, w.planar(a), rightPlanar[a]);
+        out->count[a] = leftCount;
+        out->planarCount[a] = leftPlanar[a];
+        leftLists += 2 * leftCount + leftPlanar[a];
+    }
+    return KEL_STS_OK;
+}
+
+// A popped left child's lists become the working ones.
+void restoreLists(Builder* b, const DeferredLists& lists) {
+    Working& w = b->lists;
+    const PsahEvent* from = lists.events;
+    for (int a = 0; a < 3; ++a) {
+        w.count[a] = lists.count[a];
+        w.planarCount[a] = lists.planarCount[a];
+        copyRecords(from, w.minima(a), w.count[a]);
+        copyRecords(from + w.count[a], w.maxima(a), w.count[a]);
+        copyRecords(from + 2 * w.count[a], w.planar(a), w.planarCount[a]);
+        from += 2 * w.count[a] + w.planarCount[a];
+    }
+    kel::arenaRewind(&b->deferred, lists.mark);
 }
 
 // The node's patches become its triangle numbers; their vertex-pointer
@@ -549,11 +900,44 @@ bool fitsInPool(const PsahPool& pool, const char* from, int leftCount, int right
     return leftEnd < uintptr_t(pool.end) && rightEnd < uintptr_t(pool.end);
 }
 
-}  // namespace
+// A node with its box and depth, and the pool positions to return to when
+// it is taken up: the current node, or a deferred left child with its lists.
+struct PsahStackEntry {
+    PsahBuildNode* node;
+    float box[6];
+    int32_t depth;
+    char* patchMark;
+    char* vertexMark;
+    DeferredLists lists;
+};
 
-extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuildNode* root,
-                                                 float psahWeight, int maxDepth,
-                                                 const float* rootBox) {
+// The root's lists, sorted, in working regions sized by its patch count; the
+// scratch arrays of the build state give the room.
+KelStatus startBuilder(Builder* b, PsahBuildState* state, const PsahBuildNode* root) {
+    b->state = state;
+    const int n = root->count;
+    Working& w = b->lists;
+    w.capacity = n;
+    for (int a = 0; a < 3; ++a) {
+        w.front[a] = reinterpret_cast<PsahEvent*>(state->scratch[4 * a]);
+        w.back[a] = reinterpret_cast<PsahEvent*>(state->scratch[4 * a + 2]);
+    }
+    b->destination = reinterpret_cast<int32_t*>(kelsMalloc_32s(n));
+    if (!b->destination) return KEL_STS_NO_MEM;
+    for (int a = 0; a < 3; ++a) b->negativeZero[a] = false;
+    noteNegativeZeros(b, state->vertexBegin, state->vertexEnd);
+    noteNegativeZeros(b, reinterpret_cast<const float*>(state->vertexPool.base),
+                      reinterpret_cast<const float*>(state->vertexPool.cursor));
+    for (int a = 0; a < 3; ++a) {
+        const KelStatus status = sortRootAxis(b, root->patches, n, a);
+        if (status != KEL_STS_OK) return status;
+    }
+    return KEL_STS_OK;
+}
+
+KelStatus growTree(Builder* b, PsahBuildNode* root, float psahWeight, int maxDepth,
+                   const float* rootBox) {
+    PsahBuildState* state = b->state;
     // A larger weight lowers the bar a split has to clear.
     const float k = float((10.0 - 9.0 * double(psahWeight)) * kLeafFactorScale);
     // The current node's patches always live here; no node has more
@@ -579,10 +963,10 @@ extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuil
         d.axis = -1;
         if (w.depth != maxDepth) {
             d.cost = leafCost(w.box, n);
-            if (n > kSmallNodeMax)
-                localFindBestSplitSortSearch_MT(&d, node, w.box, state->scratch, k);
-            else
-                searchSmallNode(working, n, w.box, state->scratch, k, &d);
+            const KelStatus status = n > kSmallNodeMax
+                                         ? localFindBestSplitSortSearch_MT(b, &d, node, w.box, k)
+                                         : searchSmallNode(b, working, n, w.box, k, &d);
+            if (status != KEL_STS_OK) return status;
         }
 
         if (d.axis < 0) {
@@ -597,6 +981,7 @@ extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuil
             w.vertexMark = top.vertexMark;
             copyRecords(w.node->patches, working, w.node->count);
             w.node->patches = working;
+            restoreLists(b, top.lists);
             continue;
         }
 
@@ -611,6 +996,8 @@ extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuil
         node->children = children;
         ++w.depth;
 
+        // A split with an empty side hands every patch, and so every list,
+        // to the other side unchanged.
         if (d.leftCount == 0) {
             makeEmptyLeaf(&children[0]);
             w.node = &children[1];
@@ -632,10 +1019,15 @@ extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuil
         auto* leftPatches = reinterpret_cast<PsahPatch*>(pool.cursor);
         PsahPatch* rightPatches = leftPatches + d.leftCount;
         pool.cursor = reinterpret_cast<char*>(rightPatches + d.rightCount);
-        status = distributePatches(state, working, n, d, leftPatches, rightPatches);
+        const float* newPoints = reinterpret_cast<const float*>(state->vertexPool.cursor);
+        int cutCount = 0;
+        status = distributePatches(b, working, n, d, leftPatches, rightPatches, &cutCount);
         if (status != KEL_STS_OK) return status;
+        noteNegativeZeros(b, newPoints, reinterpret_cast<const float*>(state->vertexPool.cursor));
 
         PsahStackEntry& entry = stack[stackSize++];
+        status = partitionLists(b, leftPatches, rightPatches, d, cutCount, &entry.lists);
+        if (status != KEL_STS_OK) return status;
         entry.node = &children[0];
         kelsCopy_32f(w.box, entry.box, 6);
         entry.box[d.axis + 3] = d.position;
@@ -654,4 +1046,16 @@ extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuil
         w.patchMark = reinterpret_cast<char*>(rightPatches);
         w.vertexMark = state->vertexPool.cursor;
     }
+}
+
+}  // namespace
+
+extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuildNode* root,
+                                                 float psahWeight, int maxDepth,
+                                                 const float* rootBox) {
+    Builder b;
+    KelStatus status = startBuilder(&b, state, root);
+    if (status == KEL_STS_OK) status = growTree(&b, root, psahWeight, maxDepth, rootBox);
+    releaseBuilder(&b);
+    return status;
 }

@@ -87,7 +87,9 @@ struct PsahPool {
     char* cursor;
 };
 
-constexpr int kScratchArrays = 12;      // four per axis: minima, maxima, planar, sort workspace
+// Twelve arrays of one float per triangle, in one block; the optimisation
+// holds each axis's sorted events in its four.
+constexpr int kScratchArrays = 12;
 constexpr int kRecordSizeClasses = 10;  // vertex-pointer records of 0..9 pointers
 
 struct PsahBuildState {

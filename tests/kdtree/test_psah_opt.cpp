@@ -44,7 +44,7 @@ class PsahOpt : public ::testing::Test {
             for (PsahChunk* c : {&state.nodeChunks, &state.indexChunks, &state.recordChunks})
                 releaseChunks(c);
             for (void* p : {(void*)state.patchPool.base, (void*)state.vertexPool.base}) kelsFree(p);
-            for (float* s : state.scratch) kelsFree(s);
+            kelsFree(state.scratch[0]);
             built = false;
         }
         EXPECT_EQ(count.liveBlocks(), 0) << "leaked blocks";
@@ -65,7 +65,9 @@ class PsahOpt : public ::testing::Test {
         state.budget = state.totalBudget = 0xFFFFFFFFu;
         state.patchPool = pool(size_t(64 * n + 4096) * sizeof(PsahPatch));
         state.vertexPool = pool(vertexPoolPoints * 12);
-        for (float*& s : state.scratch) s = reinterpret_cast<float*>(kelsMalloc_32s(n));
+        // One block of twelve arrays, as the driver carves it.
+        auto* scratch = reinterpret_cast<float*>(kelsMalloc_32s(kScratchArrays * n));
+        for (int k = 0; k < kScratchArrays; ++k) state.scratch[k] = scratch + k * n;
         for (PsahChunk* c : {&state.nodeChunks, &state.indexChunks, &state.recordChunks})
             initChunkList(c);
         built = true;
