@@ -15,7 +15,6 @@ using kel::PsahBuildNode;
 using kel::PsahBuildState;
 using kel::PsahEvent;
 using kel::PsahPatch;
-using kel::PsahPool;
 using kel::SplitDecision;
 
 constexpr float kMinExtent = 1e-5f;
@@ -69,12 +68,6 @@ template <typename T>
 void copyRecords(const T* src, T* dst, int count) {
     kelsCopy_32s(reinterpret_cast<const int32_t*>(src), reinterpret_cast<int32_t*>(dst),
                  count * int(sizeof(T) / sizeof(int32_t)));
-}
-
-// A mark outside the pool (a null one, say) leaves it as it is.
-void rewindPool(PsahPool* pool, char* mark) {
-    const uintptr_t m = uintptr_t(mark);
-    if (m >= uintptr_t(pool->base) && m < uintptr_t(pool->end)) pool->cursor = mark;
 }
 
 inline float valueOf(float v) {
@@ -396,9 +389,10 @@ struct CutRecord {
 
 // Everything the loop keeps besides the build state: the working lists, the
 // per-patch destinations of the node being split, the cuts of that split,
-// the deferred left children's lists and scratch for the rest.
+// the deferred left children's patches and lists, and scratch for the rest.
 struct Builder {
     PsahBuildState* state = nullptr;
+    PsahEvent* events = nullptr;  // the working lists' regions
     Working lists;
     int32_t* destination = nullptr;  // per patch: position in its child << 2 | Side
     kel::PsahScratch cuts;
@@ -410,6 +404,7 @@ struct Builder {
 enum Side : int32_t { kLeftSide = 0, kRightSide = 1, kBothSides = 2 };
 
 void releaseBuilder(Builder* b) {
+    kelsFree(b->events);
     kelsFree(b->destination);
     kel::scratchRelease(&b->cuts);
     kel::scratchRelease(&b->scratch);
@@ -420,11 +415,6 @@ bool isNegativeZero(float v) {
     return __builtin_bit_cast(uint32_t, v) == 0x80000000u;
 }
 
-void noteNegativeZeros(Builder* b, const float* points, const float* end) {
-    for (int k = 0; points + k < end; ++k)
-        if (isNegativeZero(points[k])) b->negativeZero[k % 3] = true;
-}
-
 // One axis of the root: every patch's extent gathered and sorted by key.
 KelStatus sortRootAxis(Builder* b, const PsahPatch* patches, int n, int axis) {
     Working& w = b->lists;
@@ -432,6 +422,7 @@ KelStatus sortRootAxis(Builder* b, const PsahPatch* patches, int n, int axis) {
     int count = 0, planarCount = 0;
     for (int i = 0; i < n; ++i) {
         const float lo = kel::patchMin(patches[i], axis), hi = kel::patchMax(patches[i], axis);
+        if (isNegativeZero(lo) || isNegativeZero(hi)) b->negativeZero[axis] = true;
         if (lo == hi) {
             w.front[axis][cap - 1 - planarCount++] = PsahEvent{lo, i};
         } else {
@@ -523,9 +514,9 @@ struct Chain {
 
 // A new point where the edge from p to q meets the plane, kept in the vertex
 // store for as long as the pieces that share it.
-const float* crossingPoint(PsahBuildState* state, const float* p, const float* q, float s,
-                           int axis) {
-    auto* x = static_cast<float*>(kel::takeFromPool(&state->vertexPool, 3 * sizeof(float)));
+const float* crossingPoint(PsahBuildState* state, const float* p, const float* q, float s, int axis,
+                           KelStatus* status) {
+    float* x = kel::takePoint(state, status);
     if (x) kel::planeCrossing(p, q, axis, s, x);
     return x;
 }
@@ -559,6 +550,7 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
     if (!(v[lowest][axis] < s && v[highest][axis] > s)) return KEL_STS_INTERNAL;
     auto next = [n](int i) { return i + 1 == n ? 0 : i + 1; };
 
+    KelStatus status = KEL_STS_OK;
     Chain below, above;
     below.push(v[lowest]);
     int i = next(lowest);
@@ -569,8 +561,8 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
     const float* x1 = v[i];
     if (x1[axis] == s)
         i = next(i);
-    else if (!(x1 = crossingPoint(state, below.last(), v[i], s, axis)))
-        return KEL_STS_OVERFLOW;
+    else if (!(x1 = crossingPoint(state, below.last(), v[i], s, axis, &status)))
+        return status;
 
     above.push(x1);
     for (bool atTop = false; !atTop; i = next(i)) {
@@ -584,8 +576,8 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
     const float* x2 = v[i];
     if (x2[axis] == s)
         i = next(i);
-    else if (!(x2 = crossingPoint(state, above.last(), v[i], s, axis)))
-        return KEL_STS_OVERFLOW;
+    else if (!(x2 = crossingPoint(state, above.last(), v[i], s, axis, &status)))
+        return status;
     above.push(x2);
 
     below.push(x1);
@@ -596,7 +588,6 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
     // bent the polygon out of convexity could produce more.
     if (below.count > kMaxPieceVertices || above.count > kMaxPieceVertices) return KEL_STS_INTERNAL;
     // Both records first: a failure leaves the output patches unwritten.
-    KelStatus status = KEL_STS_OK;
     const float** leftRecord = recordOf(state, below, &status);
     if (!leftRecord) return status;
     const float** rightRecord = recordOf(state, above, &status);
@@ -644,8 +635,9 @@ KelStatus logCut(Builder* b, int cuts, const PsahPatch& patch, int left, int rig
 }
 
 // Hands the patches to their sides, in patch order, and notes where each
-// went. The search counted exactly these sides; a difference means the two
-// disagree.
+// went. The right side may be the patch array itself: no patch is written
+// ahead of the one being read. The search counted exactly these sides; a
+// difference means the two disagree.
 KelStatus distributePatches(Builder* b, const PsahPatch* patches, int n, const SplitDecision& d,
                             PsahPatch* left, PsahPatch* right, int* cutCount) {
     int nLeft = 0, nRight = 0, cuts = 0;
@@ -665,10 +657,10 @@ KelStatus distributePatches(Builder* b, const PsahPatch* patches, int n, const S
             if (status != KEL_STS_OK) return status;
         } else if (side == kLeftSide) {
             b->destination[i] = nLeft << 2 | kLeftSide;
-            copyRecords(&patches[i], &left[nLeft++], 1);
+            left[nLeft++] = patches[i];
         } else {
             b->destination[i] = nRight << 2 | kRightSide;
-            copyRecords(&patches[i], &right[nRight++], 1);
+            right[nRight++] = patches[i];
         }
     }
     *cutCount = cuts;
@@ -687,7 +679,8 @@ struct PieceEvents {
 // piece reaches beyond the patch it was cut from: its entry would then come
 // before the entry it replaces, and the lists cannot be rewritten in place.
 bool gatherPieces(const CutRecord* cuts, int cutCount, const PsahPatch* left,
-                  const PsahPatch* right, int axis, PieceEvents* pieces, PsahEvent* temp) {
+                  const PsahPatch* right, int axis, PieceEvents* pieces, PsahEvent* temp,
+                  bool* negativeZero) {
     bool within = true;
     for (int c = 0; c < cutCount; ++c) {
         for (int side = 0; side < 2; ++side) {
@@ -696,6 +689,7 @@ bool gatherPieces(const CutRecord* cuts, int cutCount, const PsahPatch* left,
             const float lo = kel::patchMin(piece, axis), hi = kel::patchMax(piece, axis);
             within = within && kel::eventKey(lo) >= kel::eventKey(cuts[c].lo[axis]) &&
                      kel::eventKey(hi) <= kel::eventKey(cuts[c].hi[axis]);
+            if (isNegativeZero(lo) || isNegativeZero(hi)) *negativeZero = true;
             PieceEvents& p = pieces[side];
             if (lo == hi) {
                 p.planar[p.planarCount++] = PsahEvent{lo, at};
@@ -761,13 +755,14 @@ void partitionDown(const PsahEvent* list, int n, const int32_t* destination, Mer
             *--sides[side].out = *--sides[side].piecesEnd;
 }
 
-// A deferred left child's lists, kept in the deferred arena per axis as
-// minima, maxima, planar values.
+// A deferred left child's patches and lists, kept in the deferred arena,
+// the lists per axis as minima, maxima, planar values.
 struct DeferredLists {
+    PsahPatch* patches;
     PsahEvent* events;
     int count[3];
     int planarCount[3];
-    kel::PsahArenaMark mark;  // the arena as it was before these lists
+    kel::PsahArenaMark mark;  // the arena as it was before these patches
 };
 
 // Planar entries of the list whose patch goes to the side.
@@ -793,7 +788,6 @@ KelStatus partitionLists(Builder* b, const PsahPatch* left, const PsahPatch* rig
         const size_t need = 8 * size_t(cutCount) + 2 * size_t(w.count[a]) + 2 * size_t(p);
         if (need > scratchEvents) scratchEvents = need;
     }
-    out->mark = kel::arenaMark(b->deferred);
     out->events =
         static_cast<PsahEvent*>(kel::arenaTake(&b->deferred, sizeof(PsahEvent) * leftEvents));
     auto* scratch =
@@ -810,7 +804,8 @@ KelStatus partitionLists(Builder* b, const PsahPatch* left, const PsahPatch* rig
             pieces[side].planar = scratch + (3 * side + 2) * C;
         }
         PsahEvent* rest = scratch + 7 * C;  // after the pieces and their sort workspace
-        const bool inPlace = gatherPieces(cuts, C, left, right, a, pieces, scratch + 6 * C);
+        const bool inPlace =
+            gatherPieces(cuts, C, left, right, a, pieces, scratch + 6 * C, &b->negativeZero[a]);
         leftPlanar[a] += pieces[0].planarCount;
         rightPlanar[a] += pieces[1].planarCount;
         const int leftCount = d.leftCount - leftPlanar[a];
@@ -857,8 +852,9 @@ KelStatus partitionLists(Builder* b, const PsahPatch* left, const PsahPatch* rig
     return KEL_STS_OK;
 }
 
-// A popped left child's lists become the working ones.
-void restoreLists(Builder* b, const DeferredLists& lists) {
+// A popped left child's patches and lists become the working ones.
+void restoreLists(Builder* b, const DeferredLists& lists, PsahPatch* working, int n) {
+    for (int i = 0; i < n; ++i) working[i] = lists.patches[i];
     Working& w = b->lists;
     const PsahEvent* from = lists.events;
     for (int a = 0; a < 3; ++a) {
@@ -879,7 +875,7 @@ KelStatus makeLeaf(PsahBuildState* state, PsahBuildNode* node) {
     const PsahPatch* patches = node->patches;
     KelStatus status = KEL_STS_OK;
     auto* list = static_cast<int32_t*>(
-        kel::takeFromChunks(state, &state->indexChunks, uint64_t(n) * sizeof(int32_t), &status));
+        kel::takeTreeMemory(state, kel::kIndexChunks, uint64_t(n) * sizeof(int32_t), &status));
     if (!list) return status;
     for (int i = 0; i < n; ++i) {
         list[i] = kel::patchTriangle(patches[i]);
@@ -894,40 +890,57 @@ void makeEmptyLeaf(PsahBuildNode* node) {
     node->triangles = nullptr;
 }
 
-bool fitsInPool(const PsahPool& pool, const char* from, int leftCount, int rightCount) {
-    const uintptr_t leftEnd = uintptr_t(from) + uintptr_t(leftCount) * sizeof(PsahPatch);
-    const uintptr_t rightEnd = leftEnd + uintptr_t(rightCount) * sizeof(PsahPatch);
-    return leftEnd < uintptr_t(pool.end) && rightEnd < uintptr_t(pool.end);
+// The patch store as the single-threaded build used it: the left patches
+// from the node's mark on, the right ones behind them, both ending strictly
+// below the store's end.
+bool fitsInPatchStore(const kel::PsahStoreAccount& store, uint64_t from, int leftCount,
+                      int rightCount) {
+    const uint64_t leftEnd = from + uint64_t(leftCount) * sizeof(PsahPatch);
+    const uint64_t rightEnd = leftEnd + uint64_t(rightCount) * sizeof(PsahPatch);
+    return leftEnd < store.end && rightEnd < store.end;
 }
 
-// A node with its box and depth, and the pool positions to return to when
-// it is taken up: the current node, or a deferred left child with its lists.
+// Where the point store stood: the charged cursor and the real memory.
+struct PointMark {
+    uint64_t charged;
+    kel::PsahArenaMark real;
+};
+
+PointMark pointMark(const PsahBuildState& state) {
+    return PointMark{state.ledger.points.cursor, kel::arenaMark(state.points)};
+}
+
+void rewindPoints(PsahBuildState* state, const PointMark& mark) {
+    state->ledger.points.cursor = mark.charged;
+    kel::arenaRewind(&state->points, mark.real);
+}
+
+// A node with its box and depth, and the store positions to return to when
+// it is taken up: the current node, or a deferred left child with its
+// patches and lists.
 struct PsahStackEntry {
     PsahBuildNode* node;
     float box[6];
     int32_t depth;
-    char* patchMark;
-    char* vertexMark;
+    uint64_t patchMark;
+    PointMark pointMark;
     DeferredLists lists;
 };
 
-// The root's lists, sorted, in working regions sized by its patch count; the
-// scratch arrays of the build state give the room.
+// The root's lists, sorted, in working regions sized by its patch count.
 KelStatus startBuilder(Builder* b, PsahBuildState* state, const PsahBuildNode* root) {
     b->state = state;
     const int n = root->count;
     Working& w = b->lists;
     w.capacity = n;
-    for (int a = 0; a < 3; ++a) {
-        w.front[a] = reinterpret_cast<PsahEvent*>(state->scratch[4 * a]);
-        w.back[a] = reinterpret_cast<PsahEvent*>(state->scratch[4 * a + 2]);
-    }
+    b->events = reinterpret_cast<PsahEvent*>(kelsMalloc_64s(6 * n));
     b->destination = reinterpret_cast<int32_t*>(kelsMalloc_32s(n));
-    if (!b->destination) return KEL_STS_NO_MEM;
-    for (int a = 0; a < 3; ++a) b->negativeZero[a] = false;
-    noteNegativeZeros(b, state->vertexBegin, state->vertexEnd);
-    noteNegativeZeros(b, reinterpret_cast<const float*>(state->vertexPool.base),
-                      reinterpret_cast<const float*>(state->vertexPool.cursor));
+    if (!b->events || !b->destination) return KEL_STS_NO_MEM;
+    for (int a = 0; a < 3; ++a) {
+        w.front[a] = b->events + 2 * size_t(a) * n;
+        w.back[a] = w.front[a] + n;
+        b->negativeZero[a] = false;
+    }
     for (int a = 0; a < 3; ++a) {
         const KelStatus status = sortRootAxis(b, root->patches, n, a);
         if (status != KEL_STS_OK) return status;
@@ -950,12 +963,12 @@ KelStatus growTree(Builder* b, PsahBuildNode* root, float psahWeight, int maxDep
     w.node = root;
     kelsCopy_32f(rootBox, w.box, 6);
     w.depth = 0;
-    w.patchMark = state->patchPool.cursor;
-    w.vertexMark = state->vertexPool.cursor;
+    w.patchMark = state->ledger.patches.cursor;
+    w.pointMark = pointMark(*state);
 
     for (;;) {
-        rewindPool(&state->patchPool, w.patchMark);
-        rewindPool(&state->vertexPool, w.vertexMark);
+        state->ledger.patches.cursor = w.patchMark;
+        rewindPoints(state, w.pointMark);
         PsahBuildNode* node = w.node;
         const int n = node->count;
 
@@ -978,19 +991,17 @@ KelStatus growTree(Builder* b, PsahBuildNode* root, float psahWeight, int maxDep
             kelsCopy_32f(top.box, w.box, 6);
             w.depth = top.depth;
             w.patchMark = top.patchMark;
-            w.vertexMark = top.vertexMark;
-            copyRecords(w.node->patches, working, w.node->count);
+            w.pointMark = top.pointMark;
+            restoreLists(b, top.lists, working, w.node->count);
             w.node->patches = working;
-            restoreLists(b, top.lists);
             continue;
         }
 
         KelStatus status = KEL_STS_OK;
         auto* children = static_cast<PsahBuildNode*>(
-            kel::takeFromChunks(state, &state->nodeChunks, 2 * sizeof(PsahBuildNode), &status));
+            kel::takeTreeMemory(state, kel::kNodeChunks, 2 * sizeof(PsahBuildNode), &status));
         if (!children) return status;
-        copyRecords(node, &children[0], 1);
-        copyRecords(node, &children[1], 1);
+        children[0] = children[1] = *node;
         node->kind = d.axis;
         node->split = d.position;
         node->children = children;
@@ -1011,40 +1022,39 @@ KelStatus growTree(Builder* b, PsahBuildNode* root, float psahWeight, int maxDep
             continue;
         }
 
-        // Left patches from the pool's cursor on, right ones behind them.
-        // The left ones stay until the left child is resumed; the right
-        // ones move to the working array at once.
-        PsahPool& pool = state->patchPool;
-        if (!fitsInPool(pool, pool.cursor, d.leftCount, d.rightCount)) return KEL_STS_OVERFLOW;
-        auto* leftPatches = reinterpret_cast<PsahPatch*>(pool.cursor);
-        PsahPatch* rightPatches = leftPatches + d.leftCount;
-        pool.cursor = reinterpret_cast<char*>(rightPatches + d.rightCount);
-        const float* newPoints = reinterpret_cast<const float*>(state->vertexPool.cursor);
-        int cutCount = 0;
-        status = distributePatches(b, working, n, d, leftPatches, rightPatches, &cutCount);
-        if (status != KEL_STS_OK) return status;
-        noteNegativeZeros(b, newPoints, reinterpret_cast<const float*>(state->vertexPool.cursor));
-
+        // The patch store is charged as if the left patches went from the
+        // node's mark on and the right ones behind them. The left ones wait
+        // in the deferred arena with their lists until the left child is
+        // taken up; the right ones are written over the working array.
+        if (!fitsInPatchStore(state->ledger.patches, w.patchMark, d.leftCount, d.rightCount))
+            return KEL_STS_OVERFLOW;
         PsahStackEntry& entry = stack[stackSize++];
-        status = partitionLists(b, leftPatches, rightPatches, d, cutCount, &entry.lists);
+        entry.lists.mark = kel::arenaMark(b->deferred);
+        entry.lists.patches = static_cast<PsahPatch*>(
+            kel::arenaTake(&b->deferred, sizeof(PsahPatch) * size_t(d.leftCount)));
+        if (!entry.lists.patches) return KEL_STS_NO_MEM;
+        int cutCount = 0;
+        status = distributePatches(b, working, n, d, entry.lists.patches, working, &cutCount);
         if (status != KEL_STS_OK) return status;
+        status = partitionLists(b, entry.lists.patches, working, d, cutCount, &entry.lists);
+        if (status != KEL_STS_OK) return status;
+
         entry.node = &children[0];
         kelsCopy_32f(w.box, entry.box, 6);
         entry.box[d.axis + 3] = d.position;
         entry.depth = w.depth;
-        entry.patchMark = reinterpret_cast<char*>(leftPatches);
+        entry.patchMark = w.patchMark;
         // The pieces cut just now must outlive both subtrees.
-        entry.vertexMark = state->vertexPool.cursor;
+        entry.pointMark = pointMark(*state);
 
         children[0].count = d.leftCount;
-        children[0].patches = leftPatches;
-        copyRecords(rightPatches, working, d.rightCount);
+        children[0].patches = entry.lists.patches;
         children[1].count = d.rightCount;
         children[1].patches = working;
         w.node = &children[1];
         w.box[d.axis] = d.position;
-        w.patchMark = reinterpret_cast<char*>(rightPatches);
-        w.vertexMark = state->vertexPool.cursor;
+        w.patchMark += uint64_t(d.leftCount) * sizeof(PsahPatch);
+        w.pointMark = entry.pointMark;
     }
 }
 

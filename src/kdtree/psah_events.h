@@ -26,38 +26,6 @@ inline uint32_t eventKey(float value) {
 // Sorts n events by key; temp holds n events.
 void sortEventsByKey(PsahEvent* events, int n, PsahEvent* temp);
 
-// A stack of memory blocks for deferred nodes' lists: taken and given back
-// in last-in-first-out order. The block given back last is kept for reuse.
-struct PsahArenaBlock;
-struct PsahArena {
-    PsahArenaBlock* top = nullptr;
-    char* cursor = nullptr;
-    PsahArenaBlock* spare = nullptr;
-};
-struct PsahArenaMark {
-    PsahArenaBlock* block;
-    char* cursor;
-};
-
-// Null when a new block cannot be allocated.
-void* arenaTake(PsahArena* arena, size_t bytes);
-inline PsahArenaMark arenaMark(const PsahArena& arena) {
-    return PsahArenaMark{arena.top, arena.cursor};
-}
-void arenaRewind(PsahArena* arena, PsahArenaMark mark);
-void arenaRelease(PsahArena* arena);
-
-// Scratch memory that grows to the largest request; its contents do not
-// survive growing.
-struct PsahScratch {
-    void* data = nullptr;
-    size_t bytes = 0;
-};
-// Null when it cannot grow. scratchGrow keeps the first `keep` bytes.
-void* scratchOf(PsahScratch* scratch, size_t bytes);
-void* scratchGrow(PsahScratch* scratch, size_t bytes, size_t keep);
-void scratchRelease(PsahScratch* scratch);
-
 }  // namespace kel
 
 #endif  // KEL_PSAH_EVENTS_H
