@@ -53,6 +53,7 @@ void releaseWorkingMemory(PsahBuildState* state) {
 void releaseBuildState(PsahBuildState* state) {
     arenaRelease(&state->nodes);
     arenaRelease(&state->lists);
+    releaseThreadStores(state);
     releaseWorkingMemory(state);
     kelsFree(state);
 }
@@ -72,10 +73,15 @@ PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, 
     state->vertexEnd = pVertices + 3 * size_t(vertexCount);
     state->triangleBegin = pTriangles;
     state->triangleEnd = pTriangles + 4 * size_t(triangleCount);
-    PsahLedger& ledger = state->ledger;
-    ledger.budget = budgetBytes - uint32_t(sizes.total);
-    ledger.patches.end = sizes.patch;
-    ledger.points.end = sizes.vertex;
+    state->ledger.budget = budgetBytes - uint32_t(sizes.total);
+    PsahWorkspace& work = state->work;
+    work.ledger = &state->ledger;
+    work.patches.end = sizes.patch;
+    work.points.end = sizes.vertex;
+    work.records = &state->records;
+    work.pointMemory = &state->points;
+    work.nodes = &state->nodes;
+    work.lists = &state->lists;
     const size_t patchWords = size_t(triangleCount > 0 ? triangleCount : 1) * sizeof(PsahPatch) / 4;
     state->rootPatches = reinterpret_cast<PsahPatch*>(kelsMalloc_32s(int(patchWords)));
     if (!state->rootPatches) {
@@ -95,14 +101,14 @@ bool isMeshVertex(const PsahBuildState* state, const float* p) {
 // only on the caller's stack and are copied into the vertex store.
 const float** storeCorners(PsahBuildState* state, const float* const* corners, int n,
                            KelStatus* status) {
-    const float** record = takeVertexRecord(state, n, status);
+    const float** record = takeVertexRecord(&state->work, n, status);
     if (!record) return nullptr;
     for (int k = 0; k < n; ++k) {
         if (isMeshVertex(state, corners[k])) {
             record[k] = corners[k];
             continue;
         }
-        float* copy = takePoint(state, status);
+        float* copy = takePoint(&state->work, status);
         if (!copy) return nullptr;
         for (int c = 0; c < 3; ++c) copy[c] = corners[k][c];
         record[k] = copy;
@@ -192,7 +198,7 @@ static KelStatus localInitPatchesFromTrianglesBB(PsahPatch** ppFirst, int* pCoun
         const ClipPolygon& polygon = pass[3];
         const float** record = storeCorners(state, polygon.corner, polygon.n, &status);
         if (!record) return status;
-        status = chargeStore(&state->ledger.patches, sizeof(PsahPatch));
+        status = chargeStore(&state->work.patches, sizeof(PsahPatch));
         if (status != KEL_STS_OK) return status;
         *ppFirst = state->rootPatches;
         fillPatch(&state->rootPatches[count], i, record, polygon.n);
@@ -220,11 +226,11 @@ void vertexBox(const float* pVertices, int vertexCount, float* box) {
 KelStatus initPatchesFromTriangles(PsahPatch** ppFirst, const int* pTriangles, int triangleCount,
                                    PsahBuildState* state) {
     KelStatus status =
-        chargeStore(&state->ledger.patches, uint64_t(triangleCount) * sizeof(PsahPatch));
+        chargeStore(&state->work.patches, uint64_t(triangleCount) * sizeof(PsahPatch));
     if (status != KEL_STS_OK) return status;
     PsahPatch* patches = state->rootPatches;
     for (int i = 0; i < triangleCount; ++i) {
-        const float** record = takeVertexRecord(state, 3, &status);
+        const float** record = takeVertexRecord(&state->work, 3, &status);
         if (!record) return status;
         for (int k = 0; k < 3; ++k)
             record[k] = state->vertexBegin + 3 * ptrdiff_t(pTriangles[4 * i + k]);
@@ -254,7 +260,7 @@ KelStatus growBuildTree(PsahBuildState* state, const float* pVertices, const int
     if (status != KEL_STS_OK) return status;
 
     auto* root = static_cast<PsahBuildNode*>(
-        takeTreeMemory(state, kNodeChunks, 2 * sizeof(PsahBuildNode), &status));
+        takeTreeMemory(&state->work, kNodeChunks, 2 * sizeof(PsahBuildNode), &status));
     if (!root) return status;
     root->kind = kPsahLeaf;
     root->count = patchCount;
@@ -346,13 +352,20 @@ KEL_API KelStatus ownKDTBldPSAH_ML(const float* pVertices, const int* pTriangles
     // anything is allocated: the remaining budget never goes below zero.
     const StoreSizes sizes = storeSizes(vertexCount, triangleCount);
     if (budgetBytes < sizes.total) return KEL_STS_NO_MEM;
-    PsahBuildState* state =
-        createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes, sizes);
-    if (!state) return KEL_STS_NO_MEM;
-
+    // A build whose subtrees outgrew the budget on several threads is built
+    // again on one, which stops where the budget runs out.
+    KelStatus status = kRetryOnOneThread;
+    PsahBuildState* state = nullptr;
     PsahBuildNode* root = nullptr;
-    KelStatus status = growBuildTree(state, pVertices, pTriangles, vertexCount, triangleCount,
-                                     psahWeight, maxDepth, pClipBox, &root);
+    for (bool sequential = false; status == kRetryOnOneThread; sequential = true) {
+        if (state) releaseBuildState(state);
+        state =
+            createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes, sizes);
+        if (!state) return KEL_STS_NO_MEM;
+        state->sequential = sequential;
+        status = growBuildTree(state, pVertices, pTriangles, vertexCount, triangleCount, psahWeight,
+                               maxDepth, pClipBox, &root);
+    }
     if (status == KEL_STS_OK) {
         // Give the working memory back before the packed block is allocated,
         // so the build never holds both.

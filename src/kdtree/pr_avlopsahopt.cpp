@@ -7,6 +7,8 @@
 // the pieces of the patches it cut, so no node sorts again. Nothing is
 // allocated per node: records come from the build state's chunk lists, its
 // two stack-like pools and its free lists.
+#include <omp.h>
+
 #include "kdtree/psah_events.h"
 
 namespace {
@@ -15,6 +17,7 @@ using kel::PsahBuildNode;
 using kel::PsahBuildState;
 using kel::PsahEvent;
 using kel::PsahPatch;
+using kel::PsahWorkspace;
 using kel::SplitDecision;
 
 constexpr float kMinExtent = 1e-5f;
@@ -391,7 +394,7 @@ struct CutRecord {
 // per-patch destinations of the node being split, the cuts of that split,
 // the deferred left children's patches and lists, and scratch for the rest.
 struct Builder {
-    PsahBuildState* state = nullptr;
+    PsahWorkspace* work = nullptr;
     PsahEvent* events = nullptr;  // the working lists' regions
     Working lists;
     int32_t* destination = nullptr;  // per patch: position in its child << 2 | Side
@@ -406,6 +409,8 @@ enum Side : int32_t { kLeftSide = 0, kRightSide = 1, kBothSides = 2 };
 void releaseBuilder(Builder* b) {
     kelsFree(b->events);
     kelsFree(b->destination);
+    b->events = nullptr;
+    b->destination = nullptr;
     kel::scratchRelease(&b->cuts);
     kel::scratchRelease(&b->scratch);
     kel::arenaRelease(&b->deferred);
@@ -514,16 +519,16 @@ struct Chain {
 
 // A new point where the edge from p to q meets the plane, kept in the vertex
 // store for as long as the pieces that share it.
-const float* crossingPoint(PsahBuildState* state, const float* p, const float* q, float s, int axis,
+const float* crossingPoint(PsahWorkspace* work, const float* p, const float* q, float s, int axis,
                            KelStatus* status) {
-    float* x = kel::takePoint(state, status);
+    float* x = kel::takePoint(work, status);
     if (x) kel::planeCrossing(p, q, axis, s, x);
     return x;
 }
 
 // A record of the chain's size, filled with its vertex pointers.
-const float** recordOf(PsahBuildState* state, const Chain& chain, KelStatus* status) {
-    const float** record = kel::takeVertexRecord(state, chain.count, status);
+const float** recordOf(PsahWorkspace* work, const Chain& chain, KelStatus* status) {
+    const float** record = kel::takeVertexRecord(work, chain.count, status);
     if (record) copyRecords(chain.vertex, record, chain.count);
     return record;
 }
@@ -540,7 +545,7 @@ void fillPiece(PsahPatch* out, uint32_t triangleBits, const float** record, int 
 // piece collects what lies below the plane, the right piece what lies above,
 // and both share the two crossing points. Orientation is kept.
 static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatch* right, float s,
-                               int axis, PsahBuildState* state) {
+                               int axis, PsahWorkspace* work) {
     const int n = kel::patchVertexCount(*patch);
     const float* const* v = patch->vertices;
     const int lowest = int(patch->mask >> (15 + 5 * axis)) & 31;
@@ -561,7 +566,7 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
     const float* x1 = v[i];
     if (x1[axis] == s)
         i = next(i);
-    else if (!(x1 = crossingPoint(state, below.last(), v[i], s, axis, &status)))
+    else if (!(x1 = crossingPoint(work, below.last(), v[i], s, axis, &status)))
         return status;
 
     above.push(x1);
@@ -576,7 +581,7 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
     const float* x2 = v[i];
     if (x2[axis] == s)
         i = next(i);
-    else if (!(x2 = crossingPoint(state, above.last(), v[i], s, axis, &status)))
+    else if (!(x2 = crossingPoint(work, above.last(), v[i], s, axis, &status)))
         return status;
     above.push(x2);
 
@@ -588,15 +593,15 @@ static KelStatus localPatchCut(const PsahPatch* patch, PsahPatch* left, PsahPatc
     // bent the polygon out of convexity could produce more.
     if (below.count > kMaxPieceVertices || above.count > kMaxPieceVertices) return KEL_STS_INTERNAL;
     // Both records first: a failure leaves the output patches unwritten.
-    const float** leftRecord = recordOf(state, below, &status);
+    const float** leftRecord = recordOf(work, below, &status);
     if (!leftRecord) return status;
-    const float** rightRecord = recordOf(state, above, &status);
+    const float** rightRecord = recordOf(work, above, &status);
     if (!rightRecord) return status;
     const uint32_t triangleBits = patch->head & ~kel::kPatchCountMask;
     const float** oldRecord = patch->vertices;
     fillPiece(left, triangleBits, leftRecord, below.count);
     fillPiece(right, triangleBits, rightRecord, above.count);
-    kel::releaseVertexRecord(state, oldRecord, n);
+    kel::releaseVertexRecord(work, oldRecord, n);
     return KEL_STS_OK;
 }
 
@@ -653,7 +658,7 @@ KelStatus distributePatches(Builder* b, const PsahPatch* patches, int n, const S
             if (status != KEL_STS_OK) return status;
             b->destination[i] = kBothSides;
             status = localPatchCut(&patches[i], &left[nLeft++], &right[nRight++], d.position,
-                                   d.axis, b->state);
+                                   d.axis, b->work);
             if (status != KEL_STS_OK) return status;
         } else if (side == kLeftSide) {
             b->destination[i] = nLeft << 2 | kLeftSide;
@@ -773,9 +778,10 @@ int countPlanar(const PsahEvent* planar, int n, const int32_t* destination, int 
 }
 
 // Rewrites the working lists as the right child's and writes the left
-// child's into the deferred arena.
+// child's into the arena.
 KelStatus partitionLists(Builder* b, const PsahPatch* left, const PsahPatch* right,
-                         const SplitDecision& d, int cutCount, DeferredLists* out) {
+                         const SplitDecision& d, int cutCount, kel::PsahArena* arena,
+                         DeferredLists* out) {
     Working& w = b->lists;
     const auto* cuts = static_cast<const CutRecord*>(b->cuts.data);
     int leftPlanar[3], rightPlanar[3];
@@ -788,8 +794,7 @@ KelStatus partitionLists(Builder* b, const PsahPatch* left, const PsahPatch* rig
         const size_t need = 8 * size_t(cutCount) + 2 * size_t(w.count[a]) + 2 * size_t(p);
         if (need > scratchEvents) scratchEvents = need;
     }
-    out->events =
-        static_cast<PsahEvent*>(kel::arenaTake(&b->deferred, sizeof(PsahEvent) * leftEvents));
+    out->events = static_cast<PsahEvent*>(kel::arenaTake(arena, sizeof(PsahEvent) * leftEvents));
     auto* scratch =
         static_cast<PsahEvent*>(kel::scratchOf(&b->scratch, sizeof(PsahEvent) * scratchEvents));
     if (!out->events || !scratch) return KEL_STS_NO_MEM;
@@ -852,7 +857,8 @@ KelStatus partitionLists(Builder* b, const PsahPatch* left, const PsahPatch* rig
     return KEL_STS_OK;
 }
 
-// A popped left child's patches and lists become the working ones.
+// A popped left child's patches and lists become the working ones; the
+// arena they waited in is rewound.
 void restoreLists(Builder* b, const DeferredLists& lists, PsahPatch* working, int n) {
     for (int i = 0; i < n; ++i) working[i] = lists.patches[i];
     Working& w = b->lists;
@@ -870,16 +876,16 @@ void restoreLists(Builder* b, const DeferredLists& lists, PsahPatch* working, in
 
 // The node's patches become its triangle numbers; their vertex-pointer
 // records go back to the free lists for later cuts.
-KelStatus makeLeaf(PsahBuildState* state, PsahBuildNode* node) {
+KelStatus makeLeaf(PsahWorkspace* work, PsahBuildNode* node) {
     const int n = node->count;
     const PsahPatch* patches = node->patches;
     KelStatus status = KEL_STS_OK;
     auto* list = static_cast<int32_t*>(
-        kel::takeTreeMemory(state, kel::kIndexChunks, uint64_t(n) * sizeof(int32_t), &status));
+        kel::takeTreeMemory(work, kel::kIndexChunks, uint64_t(n) * sizeof(int32_t), &status));
     if (!list) return status;
     for (int i = 0; i < n; ++i) {
         list[i] = kel::patchTriangle(patches[i]);
-        kel::releaseVertexRecord(state, patches[i].vertices, kel::patchVertexCount(patches[i]));
+        kel::releaseVertexRecord(work, patches[i].vertices, kel::patchVertexCount(patches[i]));
     }
     node->triangles = list;
     return KEL_STS_OK;
@@ -906,18 +912,20 @@ struct PointMark {
     kel::PsahArenaMark real;
 };
 
-PointMark pointMark(const PsahBuildState& state) {
-    return PointMark{state.ledger.points.cursor, kel::arenaMark(state.points)};
+PointMark pointMark(const PsahWorkspace& work) {
+    return PointMark{work.points.cursor, kel::arenaMark(*work.pointMemory)};
 }
 
-void rewindPoints(PsahBuildState* state, const PointMark& mark) {
-    state->ledger.points.cursor = mark.charged;
-    kel::arenaRewind(&state->points, mark.real);
+void rewindPoints(PsahWorkspace* work, const PointMark& mark) {
+    work->points.cursor = mark.charged;
+    kel::arenaRewind(work->pointMemory, mark.real);
 }
+
+struct Task;
 
 // A node with its box and depth, and the store positions to return to when
 // it is taken up: the current node, or a deferred left child with its
-// patches and lists.
+// patches and lists, or a left child built as a task of its own.
 struct PsahStackEntry {
     PsahBuildNode* node;
     float box[6];
@@ -925,12 +933,119 @@ struct PsahStackEntry {
     uint64_t patchMark;
     PointMark pointMark;
     DeferredLists lists;
+    Task* spawned;
 };
 
-// The root's lists, sorted, in working regions sized by its patch count.
-KelStatus startBuilder(Builder* b, PsahBuildState* state, const PsahBuildNode* root) {
-    b->state = state;
-    const int n = root->count;
+// ---------------------------------------------------------------------------
+// Subtrees on several threads. Every subtree large enough becomes a task of
+// its own with its own lists, points and trace; a task takes records and tree
+// memory from its thread's stores. The budget is not touched while tasks run:
+// each records its charges in the order it makes them, and the traces are
+// replayed against the ledger in the single-threaded order (a right subtree
+// before its left sibling) once all are done, so every budget ends in the
+// status it always did. On one thread the charges go to the ledger at once.
+
+// From this many patches on, a left child is built as a task of its own.
+constexpr int kTaskMinPatches = 1024;
+
+enum Stop : int { kGoOn, kOutOfMemory, kOverBudget };
+
+struct Shared {
+    PsahBuildState* state;
+    float k;
+    int maxDepth;
+    bool parallel;
+    int stop;            // Stop, read and written atomically
+    uint64_t treeBytes;  // tree memory taken by all tasks, atomically
+    uint64_t treeLimit;  // more than the budget could ever pay for
+    Task* tasks;         // every task made, for the clean-up
+};
+
+struct Task {
+    Task* next = nullptr;
+    Shared* shared = nullptr;
+    Builder b;
+    PsahWorkspace work;
+    kel::PsahArena points;
+    kel::PsahTrace trace;
+    PsahPatch* patches = nullptr;  // the working array
+    bool ownsPatches = false;      // not the root's
+    PsahStackEntry start;
+};
+
+int stopOf(const Shared* shared) {
+    return __atomic_load_n(&shared->stop, __ATOMIC_RELAXED);
+}
+
+void stopAll(Shared* shared, Stop why) {
+    int expected = kGoOn;
+    __atomic_compare_exchange_n(&shared->stop, &expected, int(why), false, __ATOMIC_RELAXED,
+                                __ATOMIC_RELAXED);
+}
+
+// Tree memory past the budget means the build runs out of it somewhere; only
+// the single-threaded order can tell where.
+void countTreeBytes(Task* t, uint64_t bytes) {
+    if (!t->shared->parallel) return;
+    if (__atomic_add_fetch(&t->shared->treeBytes, bytes, __ATOMIC_RELAXED) > t->shared->treeLimit)
+        stopAll(t->shared, kOverBudget);
+}
+
+// Statuses that end a task: a real allocation failing stops every task; a
+// charge failing is recorded where it happened, for the replay to find in
+// its turn.
+KelStatus endTask(Task* t, KelStatus status) {
+    if (status == KEL_STS_NO_MEM || t->work.failure != KEL_STS_OK)
+        stopAll(t->shared, kOutOfMemory);
+    else if (!t->work.ledger)
+        kel::traceCharge(&t->work, kel::kTraceFail, uint32_t(status));
+    return status;
+}
+
+Task* newTask(Shared* shared) {
+    auto* t = reinterpret_cast<Task*>(kelsMalloc_64s(int((sizeof(Task) + 7) / 8)));
+    if (!t) return nullptr;
+    *t = Task();
+    t->shared = shared;
+    t->next = __atomic_load_n(&shared->tasks, __ATOMIC_RELAXED);
+    while (!__atomic_compare_exchange_n(&shared->tasks, &t->next, t, true, __ATOMIC_RELEASE,
+                                        __ATOMIC_RELAXED)) {
+    }
+    return t;
+}
+
+// The memory a task works in; its trace stays until the replay.
+void releaseTaskWork(Task* t) {
+    releaseBuilder(&t->b);
+    kel::arenaRelease(&t->points);
+    if (t->ownsPatches) kelsFree(t->patches);
+    t->patches = nullptr;
+}
+
+bool isMeshVertex(const PsahBuildState* state, const float* p) {
+    return uintptr_t(p) >= uintptr_t(state->vertexBegin) &&
+           uintptr_t(p) < uintptr_t(state->vertexEnd);
+}
+
+// A task's patches must not point into the points of the task that made
+// them, which rewinds its points while the new task still runs: every point
+// that is not a mesh vertex gets a copy of the task's own.
+KelStatus adoptPoints(Task* t, PsahPatch* patches, int n) {
+    for (int i = 0; i < n; ++i) {
+        const float** record = patches[i].vertices;
+        for (int k = 0; k < kel::patchVertexCount(patches[i]); ++k) {
+            if (isMeshVertex(t->shared->state, record[k])) continue;
+            auto* copy = static_cast<float*>(kel::arenaTake(&t->points, 3 * sizeof(float)));
+            if (!copy) return KEL_STS_NO_MEM;
+            for (int c = 0; c < 3; ++c) copy[c] = record[k][c];
+            record[k] = copy;
+        }
+    }
+    return KEL_STS_OK;
+}
+
+// The working lists and destinations of a task whose root has n patches.
+KelStatus allocateWorkingLists(Builder* b, int n) {
     Working& w = b->lists;
     w.capacity = n;
     b->events = reinterpret_cast<PsahEvent*>(kelsMalloc_64s(6 * n));
@@ -939,59 +1054,65 @@ KelStatus startBuilder(Builder* b, PsahBuildState* state, const PsahBuildNode* r
     for (int a = 0; a < 3; ++a) {
         w.front[a] = b->events + 2 * size_t(a) * n;
         w.back[a] = w.front[a] + n;
-        b->negativeZero[a] = false;
-    }
-    for (int a = 0; a < 3; ++a) {
-        const KelStatus status = sortRootAxis(b, root->patches, n, a);
-        if (status != KEL_STS_OK) return status;
     }
     return KEL_STS_OK;
 }
 
-KelStatus growTree(Builder* b, PsahBuildNode* root, float psahWeight, int maxDepth,
-                   const float* rootBox) {
-    PsahBuildState* state = b->state;
-    // A larger weight lowers the bar a split has to clear.
-    const float k = float((10.0 - 9.0 * double(psahWeight)) * kLeafFactorScale);
-    // The current node's patches always live here; no node has more
-    // patches than the root.
-    PsahPatch* const working = root->patches;
+void spawnTask(Task* t);
+
+// Hands the left child to a task of its own: its patches and lists are
+// already in the task's arena, its points are copied there.
+KelStatus startLeftTask(Task* parent, Task* child, const PsahStackEntry& entry) {
+    child->start = entry;
+    child->start.spawned = nullptr;
+    for (int a = 0; a < 3; ++a) child->b.negativeZero[a] = parent->b.negativeZero[a];
+    const KelStatus status = adoptPoints(child, entry.lists.patches, entry.node->count);
+    if (status != KEL_STS_OK) return status;
+    child->start.pointMark.real = kel::arenaMark(child->points);
+    spawnTask(child);
+    return KEL_STS_OK;
+}
+
+// Builds the subtree of the task's start node, depth first, the right child
+// before the left one.
+KelStatus growSubtree(Task* t) {
+    Shared* shared = t->shared;
+    Builder* b = &t->b;
+    PsahWorkspace* work = &t->work;
+    PsahPatch* const working = t->patches;
     PsahStackEntry stack[kStackEntries];
     int stackSize = 0;
-
-    PsahStackEntry w;
-    w.node = root;
-    kelsCopy_32f(rootBox, w.box, 6);
-    w.depth = 0;
-    w.patchMark = state->ledger.patches.cursor;
-    w.pointMark = pointMark(*state);
+    PsahStackEntry w = t->start;
 
     for (;;) {
-        state->ledger.patches.cursor = w.patchMark;
-        rewindPoints(state, w.pointMark);
+        if (stopOf(shared) != kGoOn) return KEL_STS_OK;
+        work->patches.cursor = w.patchMark;
+        rewindPoints(work, w.pointMark);
         PsahBuildNode* node = w.node;
         const int n = node->count;
 
         SplitDecision d;
         d.axis = -1;
-        if (w.depth != maxDepth) {
+        if (w.depth != shared->maxDepth) {
             d.cost = leafCost(w.box, n);
-            const KelStatus status = n > kSmallNodeMax
-                                         ? localFindBestSplitSortSearch_MT(b, &d, node, w.box, k)
-                                         : searchSmallNode(b, working, n, w.box, k, &d);
+            const KelStatus status =
+                n > kSmallNodeMax ? localFindBestSplitSortSearch_MT(b, &d, node, w.box, shared->k)
+                                  : searchSmallNode(b, working, n, w.box, shared->k, &d);
             if (status != KEL_STS_OK) return status;
         }
 
         if (d.axis < 0) {
-            KelStatus status = makeLeaf(state, node);
+            KelStatus status = makeLeaf(work, node);
             if (status != KEL_STS_OK) return status;
+            countTreeBytes(t, uint64_t(n) * sizeof(int32_t));
+            // A left child built as a task comes in its turn: its charges
+            // follow the right subtree's.
+            while (stackSize > 0 && stack[stackSize - 1].spawned)
+                kel::traceSubtree(work, &stack[--stackSize].spawned->trace);
+            if (work->failure != KEL_STS_OK) return work->failure;
             if (stackSize == 0) return KEL_STS_OK;
             const PsahStackEntry& top = stack[--stackSize];
-            w.node = top.node;
-            kelsCopy_32f(top.box, w.box, 6);
-            w.depth = top.depth;
-            w.patchMark = top.patchMark;
-            w.pointMark = top.pointMark;
+            w = top;
             restoreLists(b, top.lists, working, w.node->count);
             w.node->patches = working;
             continue;
@@ -999,8 +1120,9 @@ KelStatus growTree(Builder* b, PsahBuildNode* root, float psahWeight, int maxDep
 
         KelStatus status = KEL_STS_OK;
         auto* children = static_cast<PsahBuildNode*>(
-            kel::takeTreeMemory(state, kel::kNodeChunks, 2 * sizeof(PsahBuildNode), &status));
+            kel::takeTreeMemory(work, kel::kNodeChunks, 2 * sizeof(PsahBuildNode), &status));
         if (!children) return status;
+        countTreeBytes(t, 2 * sizeof(PsahBuildNode));
         children[0] = children[1] = *node;
         node->kind = d.axis;
         node->split = d.position;
@@ -1024,33 +1146,45 @@ KelStatus growTree(Builder* b, PsahBuildNode* root, float psahWeight, int maxDep
 
         // The patch store is charged as if the left patches went from the
         // node's mark on and the right ones behind them. The left ones wait
-        // in the deferred arena with their lists until the left child is
-        // taken up; the right ones are written over the working array.
-        if (!fitsInPatchStore(state->ledger.patches, w.patchMark, d.leftCount, d.rightCount))
+        // in an arena with their lists until the left child is taken up; the
+        // right ones are written over the working array.
+        if (!fitsInPatchStore(work->patches, w.patchMark, d.leftCount, d.rightCount))
             return KEL_STS_OVERFLOW;
+        Task* child = nullptr;
+        if (shared->parallel && d.leftCount >= kTaskMinPatches) {
+            child = newTask(shared);
+            if (!child) return KEL_STS_NO_MEM;
+        }
+        kel::PsahArena* arena = child ? &child->b.deferred : &b->deferred;
         PsahStackEntry& entry = stack[stackSize++];
-        entry.lists.mark = kel::arenaMark(b->deferred);
-        entry.lists.patches = static_cast<PsahPatch*>(
-            kel::arenaTake(&b->deferred, sizeof(PsahPatch) * size_t(d.leftCount)));
+        entry.spawned = nullptr;
+        entry.lists.mark = kel::arenaMark(*arena);
+        entry.lists.patches =
+            static_cast<PsahPatch*>(kel::arenaTake(arena, sizeof(PsahPatch) * size_t(d.leftCount)));
         if (!entry.lists.patches) return KEL_STS_NO_MEM;
         int cutCount = 0;
         status = distributePatches(b, working, n, d, entry.lists.patches, working, &cutCount);
         if (status != KEL_STS_OK) return status;
-        status = partitionLists(b, entry.lists.patches, working, d, cutCount, &entry.lists);
+        status = partitionLists(b, entry.lists.patches, working, d, cutCount, arena, &entry.lists);
         if (status != KEL_STS_OK) return status;
 
+        children[0].count = d.leftCount;
+        children[0].patches = entry.lists.patches;
+        children[1].count = d.rightCount;
+        children[1].patches = working;
         entry.node = &children[0];
         kelsCopy_32f(w.box, entry.box, 6);
         entry.box[d.axis + 3] = d.position;
         entry.depth = w.depth;
         entry.patchMark = w.patchMark;
         // The pieces cut just now must outlive both subtrees.
-        entry.pointMark = pointMark(*state);
+        entry.pointMark = pointMark(*work);
+        if (child) {
+            status = startLeftTask(t, child, entry);
+            if (status != KEL_STS_OK) return status;
+            entry.spawned = child;
+        }
 
-        children[0].count = d.leftCount;
-        children[0].patches = entry.lists.patches;
-        children[1].count = d.rightCount;
-        children[1].patches = working;
         w.node = &children[1];
         w.box[d.axis] = d.position;
         w.patchMark += uint64_t(d.leftCount) * sizeof(PsahPatch);
@@ -1058,14 +1192,159 @@ KelStatus growTree(Builder* b, PsahBuildNode* root, float psahWeight, int maxDep
     }
 }
 
+// A task's workspace: the ledger at once on one thread, else its trace;
+// records and tree memory from the stores of the thread it runs on. The
+// root's points go where the driver's went; a task's, into its own arena.
+void setUpWork(Task* t, kel::PsahArena* points) {
+    const PsahBuildState* state = t->shared->state;
+    PsahWorkspace& work = t->work;
+    work = state->work;
+    work.pointMemory = points;
+    t->b.work = &work;
+    if (!t->shared->parallel) return;
+    kel::PsahThreadStores& stores = state->threads[omp_get_thread_num()];
+    work.ledger = nullptr;
+    work.trace = &t->trace;
+    work.records = &stores.records;
+    work.nodes = &stores.nodes;
+    work.lists = &stores.lists;
+}
+
+void runTask(Task* t) {
+    setUpWork(t, &t->points);
+    const int n = t->start.node->count;
+    KelStatus status = allocateWorkingLists(&t->b, n);
+    t->patches =
+        reinterpret_cast<PsahPatch*>(kelsMalloc_64s(int((sizeof(PsahPatch) * size_t(n) + 7) / 8)));
+    t->ownsPatches = true;
+    if (status == KEL_STS_OK && !t->patches) status = KEL_STS_NO_MEM;
+    if (status == KEL_STS_OK) {
+        restoreLists(&t->b, t->start.lists, t->patches, n);
+        t->start.node->patches = t->patches;
+        status = growSubtree(t);
+    }
+    if (status != KEL_STS_OK) endTask(t, status);
+    releaseTaskWork(t);
+}
+
+void spawnTask(Task* t) {
+#pragma omp task firstprivate(t)
+    runTask(t);
+}
+
+// Charges of a trace and of the traces of its subtrees, in turn, against the
+// ledger; the first that fails, or a failure recorded in its place, is the
+// build's status.
+KelStatus replay(kel::PsahLedger* ledger, const kel::PsahTrace* trace) {
+    const auto* p = static_cast<const uint8_t*>(trace->bytes.data);
+    const uint8_t* end = p + trace->size;
+    while (p < end) {
+        const uint8_t code = *p++;
+        const int low = code & 15;
+        KelStatus status = KEL_STS_OK;
+        switch (code & 0xF0) {
+            case kel::kTraceChunk:
+                status = kel::chargeChunk(ledger, kel::PsahChunkList(low), kel::traceWord(&p));
+                break;
+            case kel::kTraceTake:
+                status = kel::chargeRecord(ledger, low);
+                break;
+            case kel::kTraceGive:
+                kel::creditRecord(ledger, low);
+                break;
+            case kel::kTraceFail:
+                return KelStatus(int32_t(kel::traceWord(&p)));
+            default:
+                status = replay(ledger, kel::traceSubtreeOf(&p));
+        }
+        if (status != KEL_STS_OK) return status;
+    }
+    return KEL_STS_OK;
+}
+
+void releaseTasks(Shared* shared) {
+    for (Task* t = shared->tasks; t;) {
+        Task* next = t->next;
+        releaseTaskWork(t);
+        kel::scratchRelease(&t->trace.bytes);
+        kelsFree(t);
+        t = next;
+    }
+}
+
+// The root task: the root's patches in place and its lists sorted.
+KelStatus startRoot(Task* t, PsahBuildNode* root, const float* rootBox) {
+    const int n = root->count;
+    t->patches = root->patches;
+    PsahStackEntry& w = t->start;
+    w.node = root;
+    kelsCopy_32f(rootBox, w.box, 6);
+    w.depth = 0;
+    w.patchMark = t->work.patches.cursor;
+    w.pointMark = pointMark(t->work);
+    w.spawned = nullptr;
+    KelStatus status = allocateWorkingLists(&t->b, n);
+    for (int a = 0; a < 3 && status == KEL_STS_OK; ++a) {
+        t->b.negativeZero[a] = false;
+        status = sortRootAxis(&t->b, root->patches, n, a);
+    }
+    return status;
+}
+
+KelStatus runRoot(Task* t, PsahBuildNode* root, const float* rootBox) {
+    setUpWork(t, &t->shared->state->points);
+    KelStatus status = startRoot(t, root, rootBox);
+    if (status == KEL_STS_OK) status = growSubtree(t);
+    if (status != KEL_STS_OK) status = endTask(t, status);
+    releaseTaskWork(t);
+    return status;
+}
+
+// Records and tree memory for each thread of the team.
+KelStatus makeThreadStores(PsahBuildState* state, int threads) {
+    state->threads = reinterpret_cast<kel::PsahThreadStores*>(
+        kelsMalloc_64s(int((sizeof(kel::PsahThreadStores) * size_t(threads) + 7) / 8)));
+    if (!state->threads) return KEL_STS_NO_MEM;
+    state->threadCount = threads;
+    for (int i = 0; i < threads; ++i) state->threads[i] = kel::PsahThreadStores();
+    return KEL_STS_OK;
+}
+
 }  // namespace
 
 extern "C" KEL_API KelStatus ownOptimizationPSAH(PsahBuildState* state, PsahBuildNode* root,
                                                  float psahWeight, int maxDepth,
                                                  const float* rootBox) {
-    Builder b;
-    KelStatus status = startBuilder(&b, state, root);
-    if (status == KEL_STS_OK) status = growTree(&b, root, psahWeight, maxDepth, rootBox);
-    releaseBuilder(&b);
+    Shared shared = {};
+    shared.state = state;
+    // A larger weight lowers the bar a split has to clear.
+    shared.k = float((10.0 - 9.0 * double(psahWeight)) * kLeafFactorScale);
+    shared.maxDepth = maxDepth;
+    shared.treeLimit = state->ledger.budget;
+    int threads = omp_get_max_threads();
+    if (threads > omp_get_num_procs()) threads = omp_get_num_procs();
+    shared.parallel = !state->sequential && threads > 1 && root->count >= 2 * kTaskMinPatches;
+    if (shared.parallel && makeThreadStores(state, threads) != KEL_STS_OK) return KEL_STS_NO_MEM;
+
+    Task* rootTask = newTask(&shared);
+    if (!rootTask) return KEL_STS_NO_MEM;
+    KelStatus status = KEL_STS_OK;
+    if (shared.parallel) {
+#pragma omp parallel num_threads(threads)
+#pragma omp single
+        runRoot(rootTask, root, rootBox);
+        // Every task has ended at the region's barrier.
+        const int stop = stopOf(&shared);
+        if (stop == kOutOfMemory)
+            status = KEL_STS_NO_MEM;
+        else if (stop == kOverBudget)
+            status = kel::kRetryOnOneThread;
+        else
+            status = replay(&state->ledger, &rootTask->trace);
+    } else {
+        status = runRoot(rootTask, root, rootBox);
+        if (stopOf(&shared) == kOutOfMemory) status = KEL_STS_NO_MEM;
+    }
+    releaseTasks(&shared);
     return status;
 }

@@ -92,12 +92,12 @@ struct PsahStoreAccount {
     uint64_t cursor;
 };
 
+// What the single-threaded order decides: the budget, each chunk list's
+// newest chunk and the records given back for reuse.
 struct PsahLedger {
     uint32_t budget;                           // bytes remaining
     uint64_t room[kChunkLists];                // bytes left in each list's newest chunk
     uint32_t freeRecords[kRecordSizeClasses];  // records given back, per size
-    PsahStoreAccount patches;
-    PsahStoreAccount points;  // three floats per point made by cutting
 };
 
 // Takes bytes from the newest chunk of a list, adding a chunk while the budget
@@ -128,6 +128,9 @@ inline void creditRecord(PsahLedger* ledger, int n) {
     ++ledger->freeRecords[n];
 }
 
+// The stores' cursors depend only on the path from the root to a node (each
+// node starts from marks its parent leaves), so any line of work keeps them
+// itself and checks them at once.
 inline KelStatus chargeStore(PsahStoreAccount* store, uint64_t bytes) {
     if (!(store->cursor + bytes < store->end)) return KEL_STS_OVERFLOW;
     store->cursor += bytes;
@@ -180,6 +183,72 @@ inline const float*** nextFreeRecord(const float** record) {
     return static_cast<const float***>(static_cast<void*>(record));
 }
 
+// A subtree's charges while it is built ahead of its turn: a byte stream
+// replayed against the ledger in the single-threaded order.
+struct PsahTrace {
+    PsahScratch bytes;
+    size_t size = 0;
+};
+
+// Where one line of work takes its memory and spends the budget: straight
+// from the ledger (the driver, a build on one thread) or into a trace.
+struct PsahWorkspace {
+    PsahLedger* ledger = nullptr;  // null: charges go to the trace
+    PsahTrace* trace = nullptr;
+    KelStatus failure = KEL_STS_OK;  // a trace that cannot grow
+    PsahStoreAccount patches = {};
+    PsahStoreAccount points = {};  // three floats per point made by cutting
+    PsahRecordStore* records = nullptr;
+    PsahArena* pointMemory = nullptr;
+    PsahArena* nodes = nullptr;  // child pairs
+    PsahArena* lists = nullptr;  // leaves' triangle numbers
+};
+
+// Appends a charge, or a subtree's trace, to the trace; a trace that cannot
+// grow fails the work. Reading takes the value after a code and moves on.
+void traceCharge(PsahWorkspace* work, uint8_t code, uint32_t value);
+void traceSubtree(PsahWorkspace* work, const PsahTrace* subtree);
+uint32_t traceWord(const uint8_t** p);
+const PsahTrace* traceSubtreeOf(const uint8_t** p);
+constexpr uint8_t kTraceChunk = 0x10;    // | list, then the bytes
+constexpr uint8_t kTraceTake = 0x20;     // | record size
+constexpr uint8_t kTraceGive = 0x30;     // | record size
+constexpr uint8_t kTraceFail = 0x40;     // then the status
+constexpr uint8_t kTraceSubtree = 0x50;  // then the subtree's trace, by address
+
+inline KelStatus workChargeChunk(PsahWorkspace* work, PsahChunkList list, uint64_t bytes) {
+    if (work->ledger) return chargeChunk(work->ledger, list, bytes);
+    // Larger requests are refused in any order; the trace keeps 32 bits.
+    if (bytes > kChunkDataBytes) bytes = uint64_t(kChunkDataBytes) + 1;
+    traceCharge(work, kTraceChunk | list, uint32_t(bytes));
+    return work->failure;
+}
+
+inline KelStatus workChargeRecord(PsahWorkspace* work, int n) {
+    if (work->ledger) return chargeRecord(work->ledger, n);
+    traceCharge(work, kTraceTake | uint8_t(n), 0);
+    return work->failure;
+}
+
+inline void workCreditRecord(PsahWorkspace* work, int n) {
+    if (work->ledger)
+        creditRecord(work->ledger, n);
+    else
+        traceCharge(work, kTraceGive | uint8_t(n), 0);
+}
+
+// Records and tree memory of one thread of the optimisation's team.
+struct PsahThreadStores {
+    PsahRecordStore records;
+    PsahArena nodes;
+    PsahArena lists;
+};
+
+// What the optimisation returns when subtrees built on several threads took
+// more tree memory than the budget can pay for: the build then runs out of
+// budget somewhere, and it is built again on one thread to find where.
+constexpr KelStatus kRetryOnOneThread = KelStatus(1);
+
 struct PsahBuildState {
     uint32_t totalBudget;  // bytes
     const float* vertexBegin;
@@ -190,51 +259,69 @@ struct PsahBuildState {
     PsahPatch* rootPatches;  // room for one patch per triangle
     PsahRecordStore records;
     PsahArena points;  // made by clipping and cutting, three floats each
-    PsahArena nodes;   // child pairs
-    PsahArena lists;   // leaves' triangle numbers
+    PsahArena nodes;
+    PsahArena lists;
+    PsahWorkspace work;  // the driver's: charged at once, in the stores above
+    // The optimisation's threads' own records and tree memory, when it
+    // builds subtrees on several threads.
+    PsahThreadStores* threads;
+    int threadCount;
+    bool sequential;  // build on one thread, charging the ledger at once
 };
 #if defined(__i386__)
 static_assert(kStateCharge == 204 && kChunkRecordCharge == 20, "51 and 5 words");
 static_assert(sizeof(PsahPatch) == 12 && sizeof(PsahBuildNode) == 12, "three words");
 #endif
 
+// The stores of the optimisation's threads, with the tree memory in them.
+inline void releaseThreadStores(PsahBuildState* state) {
+    for (int i = 0; i < state->threadCount; ++i) {
+        arenaRelease(&state->threads[i].records.arena);
+        arenaRelease(&state->threads[i].nodes);
+        arenaRelease(&state->threads[i].lists);
+    }
+    kelsFree(state->threads);
+    state->threads = nullptr;
+    state->threadCount = 0;
+}
+
 // A vertex-pointer record of n pointers, charged and taken.
-inline const float** takeVertexRecord(PsahBuildState* state, int n, KelStatus* status) {
-    *status = chargeRecord(&state->ledger, n);
+inline const float** takeVertexRecord(PsahWorkspace* work, int n, KelStatus* status) {
+    *status = workChargeRecord(work, n);
     if (*status != KEL_STS_OK) return nullptr;
-    const float** record = state->records.free[n];
+    PsahRecordStore* store = work->records;
+    const float** record = store->free[n];
     if (record) {
-        state->records.free[n] = *nextFreeRecord(record);
+        store->free[n] = *nextFreeRecord(record);
         return record;
     }
-    record =
-        static_cast<const float**>(arenaTake(&state->records.arena, size_t(n) * sizeof(*record)));
+    record = static_cast<const float**>(arenaTake(&store->arena, size_t(n) * sizeof(*record)));
     if (!record) *status = KEL_STS_NO_MEM;
     return record;
 }
 
-inline void releaseVertexRecord(PsahBuildState* state, const float** record, int n) {
-    creditRecord(&state->ledger, n);
-    *nextFreeRecord(record) = state->records.free[n];
-    state->records.free[n] = record;
+inline void releaseVertexRecord(PsahWorkspace* work, const float** record, int n) {
+    workCreditRecord(work, n);
+    *nextFreeRecord(record) = work->records->free[n];
+    work->records->free[n] = record;
 }
 
 // Room for a new point, charged to the point store.
-inline float* takePoint(PsahBuildState* state, KelStatus* status) {
-    *status = chargeStore(&state->ledger.points, 3 * sizeof(float));
+inline float* takePoint(PsahWorkspace* work, KelStatus* status) {
+    *status = chargeStore(&work->points, 3 * sizeof(float));
     if (*status != KEL_STS_OK) return nullptr;
-    auto* point = static_cast<float*>(arenaTake(&state->points, 3 * sizeof(float)));
+    auto* point = static_cast<float*>(arenaTake(work->pointMemory, 3 * sizeof(float)));
     if (!point) *status = KEL_STS_NO_MEM;
     return point;
 }
 
 // Room for a pair of child nodes or a leaf's n triangle numbers, charged to
 // their chunk list.
-inline void* takeTreeMemory(PsahBuildState* state, PsahChunkList list, uint64_t bytes,
+inline void* takeTreeMemory(PsahWorkspace* work, PsahChunkList list, uint64_t bytes,
                             KelStatus* status) {
-    *status = chargeChunk(&state->ledger, list, bytes);
+    *status = workChargeChunk(work, list, bytes);
     if (*status != KEL_STS_OK) return nullptr;
-    void* p = arenaTake(list == kNodeChunks ? &state->nodes : &state->lists, size_t(bytes));
+    void* p = arenaTake(list == kNodeChunks ? work->nodes : work->lists, size_t(bytes));
     if (!p) *status = KEL_STS_NO_MEM;
     return p;
 }

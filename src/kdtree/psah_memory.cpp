@@ -10,7 +10,7 @@ struct PsahArenaBlock {
 
 namespace {
 
-constexpr size_t kArenaBlockBytes = size_t(1) << 20;
+constexpr size_t kArenaBlockBytes = size_t(64) << 10;
 constexpr size_t kArenaHeader = 16;  // keeps the data 8-byte aligned on both targets
 static_assert(sizeof(PsahArenaBlock) <= kArenaHeader, "");
 
@@ -89,6 +89,56 @@ void scratchRelease(PsahScratch* scratch) {
     kelsFree(scratch->data);
     scratch->data = nullptr;
     scratch->bytes = 0;
+}
+
+namespace {
+
+bool traceRoom(PsahWorkspace* work, size_t bytes) {
+    PsahTrace* trace = work->trace;
+    if (scratchGrow(&trace->bytes, trace->size + bytes, trace->size)) return true;
+    work->failure = KEL_STS_NO_MEM;
+    return false;
+}
+
+template <typename T>
+void traceValue(PsahTrace* trace, T value) {
+    auto* to = static_cast<uint8_t*>(trace->bytes.data) + trace->size;
+    const auto* from = reinterpret_cast<const uint8_t*>(&value);
+    for (size_t i = 0; i < sizeof(T); ++i) to[i] = from[i];
+    trace->size += sizeof(T);
+}
+
+template <typename T>
+T readValue(const uint8_t** p) {
+    T value;
+    auto* to = reinterpret_cast<uint8_t*>(&value);
+    for (size_t i = 0; i < sizeof(T); ++i) to[i] = (*p)[i];
+    *p += sizeof(T);
+    return value;
+}
+
+}  // namespace
+
+// Chunk requests and failures carry a word; record codes carry their size.
+void traceCharge(PsahWorkspace* work, uint8_t code, uint32_t value) {
+    if (work->failure != KEL_STS_OK || !traceRoom(work, 1 + sizeof(value))) return;
+    traceValue(work->trace, code);
+    const uint8_t kind = code & 0xF0;
+    if (kind == kTraceChunk || kind == kTraceFail) traceValue(work->trace, value);
+}
+
+void traceSubtree(PsahWorkspace* work, const PsahTrace* subtree) {
+    if (work->failure != KEL_STS_OK || !traceRoom(work, 1 + sizeof(subtree))) return;
+    traceValue(work->trace, kTraceSubtree);
+    traceValue(work->trace, subtree);
+}
+
+uint32_t traceWord(const uint8_t** p) {
+    return readValue<uint32_t>(p);
+}
+
+const PsahTrace* traceSubtreeOf(const uint8_t** p) {
+    return readValue<const PsahTrace*>(p);
 }
 
 }  // namespace kel

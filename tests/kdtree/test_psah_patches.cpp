@@ -58,7 +58,7 @@ extern "C" KelStatus ownOptimizationPSAH(kel::PsahBuildState* state, kel::PsahBu
     // Hold an index list either way, so a failure leaves chunks to release.
     KelStatus status = KEL_STS_OK;
     auto* list = static_cast<int32_t*>(
-        kel::takeTreeMemory(state, kel::kIndexChunks, uint32_t(4 * root->count), &status));
+        kel::takeTreeMemory(&state->work, kel::kIndexChunks, uint32_t(4 * root->count), &status));
     if (!list) return status;
     if (probe.answer != KEL_STS_OK) return probe.answer;
     for (int k = 0; k < root->count; ++k) list[k] = kel::patchTriangle(root->patches[k]);
