@@ -719,45 +719,57 @@ struct MergeInto {
     const PsahEvent* piecesEnd;
 };
 
-// Kept entries go to their side under their new positions, cut patches'
-// entries give way to their pieces'. Ascending: the outputs grow upwards,
-// and the right side may overwrite the list as it is read, since no piece
-// starts below the patch it comes from.
-void partitionUp(const PsahEvent* list, int n, const int32_t* destination, MergeInto sides[2]) {
-    for (int k = 0; k < n; ++k) {
-        const PsahEvent e = list[k];
-        const int32_t to = destination[e.patch];
-        const int side = to & 3;
-        if (side == kBothSides) continue;
-        MergeInto& m = sides[side];
+// Puts an entry on a side, after the pieces' entries that come before it.
+// Upwards the side's list grows in ascending key order from its start;
+// downwards it grows in descending order from one past its end, taking the
+// pieces' entries from their end.
+template <bool kUp>
+inline void putEntry(MergeInto* m, PsahEvent e) {
+    if (m->pieces != m->piecesEnd) {
         const uint32_t key = kel::eventKey(e.value);
-        while (m.pieces != m.piecesEnd && kel::eventKey(m.pieces->value) < key)
-            *m.out++ = *m.pieces++;
-        *m.out++ = PsahEvent{e.value, to >> 2};
+        if (kUp) {
+            while (m->pieces != m->piecesEnd && kel::eventKey(m->pieces->value) < key)
+                *m->out++ = *m->pieces++;
+        } else {
+            while (m->piecesEnd != m->pieces && kel::eventKey(m->piecesEnd[-1].value) > key)
+                *--m->out = *--m->piecesEnd;
+        }
     }
-    for (int side = 0; side < 2; ++side)
-        while (sides[side].pieces != sides[side].piecesEnd)
-            *sides[side].out++ = *sides[side].pieces++;
+    if (kUp)
+        *m->out++ = e;
+    else
+        *--m->out = e;
 }
 
-// The same from the top down: the outputs grow downwards from one past their
-// ends, and the pieces' entries are taken from their ends. No piece ends
-// above the patch it comes from.
-void partitionDown(const PsahEvent* list, int n, const int32_t* destination, MergeInto sides[2]) {
-    for (int k = n - 1; k >= 0; --k) {
-        const PsahEvent e = list[k];
-        const int32_t to = destination[e.patch];
-        const int side = to & 3;
-        if (side == kBothSides) continue;
-        MergeInto& m = sides[side];
-        const uint32_t key = kel::eventKey(e.value);
-        while (m.piecesEnd != m.pieces && kel::eventKey(m.piecesEnd[-1].value) > key)
-            *--m.out = *--m.piecesEnd;
-        *--m.out = PsahEvent{e.value, to >> 2};
+template <bool kUp>
+inline void putRest(MergeInto* m) {
+    while (m->pieces != m->piecesEnd) {
+        if (kUp)
+            *m->out++ = *m->pieces++;
+        else
+            *--m->out = *--m->piecesEnd;
     }
-    for (int side = 0; side < 2; ++side)
-        while (sides[side].piecesEnd != sides[side].pieces)
-            *--sides[side].out = *--sides[side].piecesEnd;
+}
+
+// Kept entries go to their side under their new positions, cut patches'
+// entries give way to their pieces'. A side's output may overwrite the list
+// as it is read (the right side's does): no piece starts below, or ends
+// above, the patch it comes from, so its entries are written only after that
+// patch's entry was read.
+template <bool kUp>
+void partitionList(const PsahEvent* list, int n, const int32_t* destination, MergeInto sides[2]) {
+    MergeInto left = sides[0], right = sides[1];
+    for (int k = 0; k < n; ++k) {
+        const PsahEvent e = list[kUp ? k : n - 1 - k];
+        const int32_t to = destination[e.patch];
+        const PsahEvent moved = {e.value, to >> 2};
+        if ((to & 3) == kLeftSide)
+            putEntry<kUp>(&left, moved);
+        else if ((to & 3) == kRightSide)
+            putEntry<kUp>(&right, moved);
+    }
+    putRest<kUp>(&left);
+    putRest<kUp>(&right);
 }
 
 // A deferred left child's patches and lists, kept in the deferred arena,
@@ -837,15 +849,15 @@ KelStatus partitionLists(Builder* b, const PsahPatch* left, const PsahPatch* rig
 
         MergeInto up[2] = {{leftLists, pieces[0].minima, pieces[0].minima + pieces[0].count},
                            {w.front[a], pieces[1].minima, pieces[1].minima + pieces[1].count}};
-        partitionUp(minima, n, b->destination, up);
+        partitionList<true>(minima, n, b->destination, up);
         MergeInto down[2] = {
             {leftLists + 2 * leftCount, pieces[0].maxima, pieces[0].maxima + pieces[0].count},
             {w.back[a] + w.capacity, pieces[1].maxima, pieces[1].maxima + pieces[1].count}};
-        partitionDown(maxima, n, b->destination, down);
+        partitionList<false>(maxima, n, b->destination, down);
         MergeInto flat[2] = {
             {leftLists + 2 * leftCount, pieces[0].planar, pieces[0].planar + pieces[0].planarCount},
             {rightPlanarOut, pieces[1].planar, pieces[1].planar + pieces[1].planarCount}};
-        partitionUp(planar, p, b->destination, flat);
+        partitionList<true>(planar, p, b->destination, flat);
 
         w.count[a] = rightCount;
         w.planarCount[a] = rightPlanar[a];
