@@ -111,6 +111,11 @@ TEST(PsahTreeHash, ThreadCountDoesNotChangeTheTree) {
         EXPECT_EQ(pin->hash, b.hash) << n << " threads";
     }
     omp_set_num_threads(threads);
+    // Called from the caller's own threads, two builds at once.
+    Built built[2];
+#pragma omp parallel for num_threads(2)
+    for (int k = 0; k < 2; ++k) built[k] = build(mesh, pin->maxDepth, pin->weight, nullptr);
+    for (const Built& b : built) EXPECT_EQ(pin->hash, b.hash) << "inside a parallel region";
 }
 
 // Budgets pinned at their boundaries, in MiB: the smallest one the up-front
@@ -135,17 +140,24 @@ TEST(PsahTreeHash, BudgetBoundariesStayWhereTheyWere) {
 #endif
     };
     kelt::Mesh mesh;
+    const int threads = omp_get_max_threads();
     for (const auto& b : kBoundaries) {
         if (!loadMesh(b.mesh, &mesh)) GTEST_SKIP() << "shared meshes absent (../shared)";
         float box[6];
         middleBox(mesh, box);
         const float* clip = b.clipped ? box : nullptr;
-        SCOPED_TRACE(b.mesh);
-        EXPECT_EQ(KEL_STS_NO_MEM, build(mesh, b.maxDepth, b.weight, clip, b.admitted - 1).status);
-        EXPECT_EQ(KEL_STS_OVERFLOW, build(mesh, b.maxDepth, b.weight, clip, b.admitted).status);
-        EXPECT_EQ(KEL_STS_OVERFLOW, build(mesh, b.maxDepth, b.weight, clip, b.builds - 1).status);
-        EXPECT_EQ(KEL_STS_OK, build(mesh, b.maxDepth, b.weight, clip, b.builds).status);
+        for (int n : {1, 2}) {
+            omp_set_num_threads(n);
+            SCOPED_TRACE(testing::Message() << b.mesh << ", " << n << " threads");
+            EXPECT_EQ(KEL_STS_NO_MEM,
+                      build(mesh, b.maxDepth, b.weight, clip, b.admitted - 1).status);
+            EXPECT_EQ(KEL_STS_OVERFLOW, build(mesh, b.maxDepth, b.weight, clip, b.admitted).status);
+            EXPECT_EQ(KEL_STS_OVERFLOW,
+                      build(mesh, b.maxDepth, b.weight, clip, b.builds - 1).status);
+            EXPECT_EQ(KEL_STS_OK, build(mesh, b.maxDepth, b.weight, clip, b.builds).status);
+        }
     }
+    omp_set_num_threads(threads);
 }
 
 }  // namespace

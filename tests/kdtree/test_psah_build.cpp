@@ -151,9 +151,12 @@ TEST(PsahMemory, StoresThatOutgrowTheBudgetAreRefused) {
 
 // Through the hooks the N-th allocation of a build fails, for every N the
 // build makes, on one thread and on two: the build unwinds with -4 or -9,
-// writes no output and gives back every block it got.
+// writes no output and gives back every block it got. On two threads the
+// number of allocations depends on which thread builds which subtree, so a
+// build may end before its N-th; it must then have succeeded.
 TEST(PsahMemory, EachRefusedAllocationUnwindsCleanly) {
-    const kelt::Mesh mesh = kelt::randomSoup(7, 400);
+    // Large enough for the optimisation to hand subtrees to tasks.
+    const kelt::Mesh mesh = kelt::randomSoup(7, 2500);
     const KDTreeBuildContext context = {
         KDT_BUILD_PSAH, 50, 0.5f, kelt::psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount()),
         nullptr};
@@ -179,6 +182,10 @@ TEST(PsahMemory, EachRefusedAllocationUnwindsCleanly) {
             count.refuseAllocation(n);
             Tree tree;
             build(&tree);
+            if (count.allocations() < n) {
+                EXPECT_EQ(KEL_STS_OK, tree.status) << n;
+                continue;
+            }
             EXPECT_TRUE(tree.status == KEL_STS_NO_MEM || tree.status == KEL_STS_OVERFLOW)
                 << "allocation " << n << " of " << made << ", " << t << " threads: " << tree.status;
             EXPECT_TRUE(tree.block == nullptr && tree.size == -1) << n;
