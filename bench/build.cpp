@@ -14,7 +14,6 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -102,16 +101,16 @@ void printComparison(const kelt::Mesh& mesh, int repetitions) {
         if (all == 1) break;
     }
 #ifdef KELB_HAVE_EMBREE
-    std::vector<std::unique_ptr<kelb::EmbreeDevice>> devices;
+    // Each device lives only for its own builds: Embree's thread count is a
+    // setting of the whole process while a device exists.
     for (const char* isa : {"sse2", (const char*)nullptr}) {
         for (int threads : {1, all}) {
-            devices.emplace_back(new kelb::EmbreeDevice(isa, threads));
-            const kelb::EmbreeDevice* device = devices.back().get();
             contenders.push_back({std::string("Embree HIGH, ") + (isa ? isa : "native") + ", " +
                                       std::to_string(threads) + " thread(s)",
-                                  [&mesh, device] {
+                                  [&mesh, isa, threads] {
+                                      const kelb::EmbreeDevice device(isa, threads);
                                       return secondsOf(
-                                          [&] { kelb::EmbreeScene scene(*device, mesh); });
+                                          [&] { kelb::EmbreeScene scene(device, mesh); });
                                   }});
             if (all == 1) break;
         }

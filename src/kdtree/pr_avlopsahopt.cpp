@@ -33,6 +33,8 @@ constexpr double kLeafFactorScale = 0.5057569742202759;
 
 // Nodes up to this many patches are searched in single precision.
 constexpr int kSmallNodeMax = 75;
+// From this many patches on, a node's axes are worth a task each.
+constexpr int kSharedSearchMinPatches = 65536;
 // From this many values on the radix sort beats the comparison sort.
 constexpr int kRadixMinCount = 321;
 // One entry per level of the current path; maxDepth is at most 50.
@@ -401,7 +403,8 @@ struct Builder {
     kel::PsahScratch cuts;
     kel::PsahScratch scratch;
     kel::PsahArena deferred;
-    bool negativeZero[3];  // some coordinate on the axis may be -0.0
+    bool negativeZero[3];    // some coordinate on the axis may be -0.0
+    bool shareAxes = false;  // wide nodes may search their axes on several threads
 };
 
 enum Side : int32_t { kLeftSide = 0, kRightSide = 1, kBothSides = 2 };
@@ -420,8 +423,8 @@ bool isNegativeZero(float v) {
     return __builtin_bit_cast(uint32_t, v) == 0x80000000u;
 }
 
-// One axis of the root: every patch's extent gathered and sorted by key.
-KelStatus sortRootAxis(Builder* b, const PsahPatch* patches, int n, int axis) {
+// One axis of the root: every patch's extent gathered, to be sorted.
+void gatherRootAxis(Builder* b, const PsahPatch* patches, int n, int axis) {
     Working& w = b->lists;
     const int cap = w.capacity;
     int count = 0, planarCount = 0;
@@ -437,13 +440,30 @@ KelStatus sortRootAxis(Builder* b, const PsahPatch* patches, int n, int axis) {
     }
     w.count[axis] = count;
     w.planarCount[axis] = planarCount;
-    auto* temp =
-        static_cast<PsahEvent*>(kel::scratchOf(&b->scratch, sizeof(PsahEvent) * size_t(n)));
-    if (!temp) return KEL_STS_NO_MEM;
-    kel::sortEventsByKey(w.minima(axis), count, temp);
-    kel::sortEventsByKey(w.maxima(axis), count, temp);
-    kel::sortEventsByKey(w.planar(axis), planarCount, temp);
-    return KEL_STS_OK;
+}
+
+// The root's lists: gathered per axis, then sorted per list. On several
+// threads the axes, then the lists, are shared out as tasks; each list sorts
+// with its own workspace, its place in temp (two entries per patch and axis).
+void sortRootLists(Builder* b, const PsahPatch* patches, int n, bool share, PsahEvent* temp) {
+#pragma omp taskgroup
+    for (int a = 0; a < 3; ++a) {
+#pragma omp task if (share)
+        gatherRootAxis(b, patches, n, a);
+    }
+    const Working& w = b->lists;
+#pragma omp taskgroup
+    for (int a = 0; a < 3; ++a) {
+        PsahEvent* workspace = temp + 2 * size_t(a) * n;
+        const int count = w.count[a];
+        PsahEvent* lists[3] = {w.minima(a), w.maxima(a), w.planar(a)};
+        const int counts[3] = {count, count, w.planarCount[a]};
+        const size_t offsets[3] = {0, size_t(count), 2 * size_t(count)};
+        for (int k = 0; k < 3; ++k) {
+#pragma omp task if (share)
+            kel::sortEventsByKey(lists[k], counts[k], workspace + offsets[k]);
+        }
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -469,17 +489,27 @@ KelStatus searchAxis(Builder* b, const PsahPatch* patches, int n, int axis, cons
 
 // The axes are compared only after all are searched, so the choice does not
 // depend on the order they were searched in.
+// The widest nodes, near the root, search their axes as tasks of their own
+// when their lists need no scratch (no axis is searched from gathered
+// events).
 static KelStatus localFindBestSplitSortSearch_MT(Builder* b, SplitDecision* decision,
                                                  const PsahBuildNode* node, const float* box,
                                                  float k) {
     AxisSplit results[3];
+    KelStatus statuses[3] = {KEL_STS_OK, KEL_STS_OK, KEL_STS_OK};
+    bool share = b->shareAxes && node->count >= kSharedSearchMinPatches;
     for (int axis = 0; axis < 3; ++axis) {
         results[axis] = unsearched(decision->cost);
-        if (!axisSearchable(box, axis)) continue;
-        const KelStatus status =
-            searchAxis<true>(b, node->patches, node->count, axis, box, &results[axis]);
-        if (status != KEL_STS_OK) return status;
+        share = share && b->lists.asGathered(axis, b->negativeZero[axis]);
     }
+#pragma omp taskgroup
+    for (int axis = 0; axis < 3; ++axis) {
+        if (!axisSearchable(box, axis)) continue;
+#pragma omp task if (share) shared(results, statuses)
+        statuses[axis] = searchAxis<true>(b, node->patches, node->count, axis, box, &results[axis]);
+    }
+    for (KelStatus status : statuses)
+        if (status != KEL_STS_OK) return status;
     decideSplit(results, node->count, decision->cost, k, decision);
     return KEL_STS_OK;
 }
@@ -1296,10 +1326,14 @@ KelStatus startRoot(Task* t, PsahBuildNode* root, const float* rootBox) {
     w.pointMark = pointMark(t->work);
     w.spawned = nullptr;
     KelStatus status = allocateWorkingLists(&t->b, n);
-    for (int a = 0; a < 3 && status == KEL_STS_OK; ++a) {
-        t->b.negativeZero[a] = false;
-        status = sortRootAxis(&t->b, root->patches, n, a);
+    auto* temp = reinterpret_cast<PsahEvent*>(kelsMalloc_64s(6 * n));
+    if (status == KEL_STS_OK && !temp) status = KEL_STS_NO_MEM;
+    if (status == KEL_STS_OK) {
+        for (bool& flag : t->b.negativeZero) flag = false;
+        t->b.shareAxes = t->shared->parallel;
+        sortRootLists(&t->b, root->patches, n, t->b.shareAxes, temp);
     }
+    kelsFree(temp);
     return status;
 }
 
