@@ -47,10 +47,16 @@ void* arenaTake(PsahArena* arena, size_t bytes) {
     return p;
 }
 
+// Only a block of the usual size is kept for reuse: a larger one held for
+// a single large request would stay taken for nothing.
 void arenaRewind(PsahArena* arena, PsahArenaMark mark) {
     while (arena->top != mark.block) {
         PsahArenaBlock* block = arena->top;
         arena->top = block->below;
+        if (size_t(block->end - reinterpret_cast<char*>(block)) > kArenaBlockBytes) {
+            kelsFree(block);
+            continue;
+        }
         kelsFree(arena->spare);
         arena->spare = block;
     }
