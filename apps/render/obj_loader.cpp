@@ -8,6 +8,8 @@
 #include <map>
 #include <utility>
 
+#include "weld.h"
+
 namespace render {
 
 namespace {
@@ -84,6 +86,7 @@ bool convert(const tinyobj::ObjReader& reader, Mesh* mesh, std::string* error) {
             result.addTriangle(corner[0], corner[1], corner[2], 0);
         }
     }
+    weldVertices(&result);
     if (!ownNormals) computeVertexNormals(&result);
     *mesh = std::move(result);
     return true;
