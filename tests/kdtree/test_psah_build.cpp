@@ -96,7 +96,7 @@ TEST(PsahMemory, EverythingIsReleasedOnSuccessAndOverflow) {
     const uint32_t need =
         12 * uint32_t(mesh.vertexCount()) +
         (48 + 3 * uint32_t(sizeof(kel::PsahPatch))) * uint32_t(mesh.triangleCount()) + (32u << 20) +
-        uint32_t(sizeof(kel::PsahBuildState)) + 2 * uint32_t(sizeof(kel::PsahChunk));
+        kel::kStateCharge + 2 * kel::kChunkRecordCharge;
     // Room to spare; then room for the vertex-pointer and root chunks but
     // not for the first index list: the optimisation stops half-way with -9.
     for (uint32_t budget : {kelt::psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount()) * kMiB,
@@ -110,7 +110,6 @@ TEST(PsahMemory, EverythingIsReleasedOnSuccessAndOverflow) {
         EXPECT_EQ(whole ? KEL_STS_OK : KEL_STS_OVERFLOW, tree.status);
         EXPECT_EQ(whole, tree.block != nullptr);
         EXPECT_EQ(whole ? 1 : 0, count.liveBlocks());  // the tree block alone
-        if (!whole) EXPECT_GT(count.peakBytes(), int64_t(64) * kMiB);
         kelrKDTreeFree(tree.block);
         tree.block = nullptr;
         EXPECT_EQ(0, count.liveBlocks());
@@ -129,9 +128,8 @@ TEST(PsahMemory, StoresThatOutgrowTheBudgetAreRefused) {
     mesh.vertices[3] = mesh.vertices[7] = 1.0f;
     mesh.addTriangle(0, 1, 2);
     const uint32_t check = 12 * 349526 + 48 + 3 * uint32_t(sizeof(kel::PsahPatch)) + (32u << 20) +
-                           uint32_t(sizeof(kel::PsahBuildState)) +
-                           2 * uint32_t(sizeof(kel::PsahChunk));
-    const uint32_t stores = uint32_t(sizeof(kel::PsahBuildState)) + 48 + 16 * kMiB + 32 * kMiB;
+                           kel::kStateCharge + 2 * kel::kChunkRecordCharge;
+    const uint32_t stores = kel::kStateCharge + 48 + 16 * kMiB + 32 * kMiB;
     const uint32_t chunks = 3 * kel::kChunkCost;
     const std::pair<uint32_t, KelStatus> cases[] = {{check, KEL_STS_NO_MEM},
                                                     {stores - 1, KEL_STS_NO_MEM},
@@ -152,11 +150,13 @@ TEST(PsahMemory, StoresThatOutgrowTheBudgetAreRefused) {
 }
 
 // Through the hooks the N-th allocation of a build fails, for every N the
-// build makes (state, scratch arrays, stores, chunk records and data areas,
-// the packed block), on one thread and on two: the build unwinds with -4 or
-// -9, writes no output and gives back every block it got.
+// build makes, on one thread and on two: the build unwinds with -4 or -9,
+// writes no output and gives back every block it got. On two threads the
+// number of allocations depends on which thread builds which subtree, so a
+// build may end before its N-th; it must then have succeeded.
 TEST(PsahMemory, EachRefusedAllocationUnwindsCleanly) {
-    const kelt::Mesh mesh = kelt::randomSoup(7, 400);
+    // Large enough for the optimisation to hand subtrees to tasks.
+    const kelt::Mesh mesh = kelt::randomSoup(7, 2500);
     const KDTreeBuildContext context = {
         KDT_BUILD_PSAH, 50, 0.5f, kelt::psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount()),
         nullptr};
@@ -175,11 +175,17 @@ TEST(PsahMemory, EachRefusedAllocationUnwindsCleanly) {
             ASSERT_EQ(KEL_STS_OK, whole.status);
         }
         const long long made = count.allocations();
-        ASSERT_GE(made, 22);  // state, 12 scratch arrays, 2 stores, 3 chunks, the block
+        // State, root patches, records, points, nodes, lists, sorted events,
+        // destinations, scratch, cut log, deferred children, the tree.
+        ASSERT_GE(made, 12);
         for (long long n = 1; n <= made; ++n) {
             count.refuseAllocation(n);
             Tree tree;
             build(&tree);
+            if (count.allocations() < n) {
+                EXPECT_EQ(KEL_STS_OK, tree.status) << n;
+                continue;
+            }
             EXPECT_TRUE(tree.status == KEL_STS_NO_MEM || tree.status == KEL_STS_OVERFLOW)
                 << "allocation " << n << " of " << made << ", " << t << " threads: " << tree.status;
             EXPECT_TRUE(tree.block == nullptr && tree.size == -1) << n;
