@@ -10,45 +10,15 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <string>
 #include <vector>
 
-#include "../intersect/scene.h"
 #include "alloc_count.h"
-#include "psah_support.h"
-#include "tree_check.h"
+#include "arrays.h"
+#include "trees.h"
 
 namespace {
 
 constexpr float kNaN = NAN, kInf = INFINITY, kDenormal = 1e-40f;
-constexpr uint32_t kCanary = 0xA5C3E1F7u;
-
-// An output array between canaries, `misalign` elements past a 16-byte
-// boundary (1 sends the queries down their scalar path).
-template <typename T>
-class Guarded {
-  public:
-    Guarded(int n, T fill, int misalign) : n_(n), store_(size_t(n) + 16) {
-        for (T& word : store_) std::memcpy(&word, &kCanary, 4);
-        const uintptr_t start = reinterpret_cast<uintptr_t>(store_.data() + 4);
-        data_ = reinterpret_cast<T*>((start + 15) & ~uintptr_t(15)) + misalign;
-        for (int i = 0; i < n; ++i) data_[i] = fill;
-    }
-    T* data() { return data_; }
-    T& operator[](int i) { return data_[i]; }
-    bool intact() const {
-        for (const T& word : store_) {
-            const bool inside = &word >= data_ && &word < data_ + n_;
-            if (!inside && std::memcmp(&word, &kCanary, 4) != 0) return false;
-        }
-        return true;
-    }
-
-  private:
-    int n_;
-    std::vector<T> store_;
-    T* data_;
-};
 
 struct HostileMesh {
     const char* name;
@@ -126,37 +96,30 @@ enum class Query { kEye, kMultipleOrigins, kShadow };
 Answers trace(Query query, const IntersectContext& context, int triangleCount, bool hostile,
               int misalign) {
     const float eye[3] = {0.5f, 0.5f, -2.0f};
-    Guarded<float> dir[3] = {{kRays, 0, misalign}, {kRays, 0, misalign}, {kRays, 0, misalign}};
-    Guarded<float> from[3] = {{kRays, 0, misalign}, {kRays, 0, misalign}, {kRays, 0, misalign}};
-    Guarded<float> distance(kRays, 1e30f, misalign), u(kRays, 0, misalign), v(kRays, 0, misalign);
-    Guarded<int> id(kRays, 7, misalign), mask(kRays, 0, misalign);
+    kelt::Planes3 dir(kRays, 0, misalign), from(kRays, 0, misalign), hit(kRays, 0, misalign);
+    kelt::Plane<float> distance(kRays, 1e30f, misalign);
+    kelt::Plane<int> id(kRays, 7, misalign), mask(kRays, 0, misalign);
     for (int i = 0; i < kRays; ++i) {
         float d[3];
         direction(i, hostile, d);
+        dir.set(i, d);
         const bool odd = query == Query::kMultipleOrigins && hostile && i % 6 == 4;
-        for (int a = 0; a < 3; ++a) {
-            dir[a][i] = d[a];
-            from[a][i] = odd ? kHostileVectors[i % kHostileVectorCount][a] : eye[a];
-        }
+        from.set(i, odd ? kHostileVectors[i % kHostileVectorCount] : eye);
         if (i % 5 == 3) mask[i] = -1;  // not traced
     }
-    const float* dirs[3] = {dir[0].data(), dir[1].data(), dir[2].data()};
-    const float* origins[3] = {from[0].data(), from[1].data(), from[2].data()};
-    float* hit[2] = {u.data(), v.data()};
     KelStatus status = KEL_STS_OK;
     if (query == Query::kEye)
-        status = kelrIntersectEyeSO_32f(eye, dirs, distance.data(), hit, id.data(), &context,
+        status = kelrIntersectEyeSO_32f(eye, dir.p(), distance.data(), hit.p(), id.data(), &context,
                                         kWidth, kHeight);
     else if (query == Query::kMultipleOrigins)
-        status = kelrIntersectMO_32f(origins, dirs, distance.data(), hit, id.data(), &context,
-                                     kWidth, kHeight);
+        status = kelrIntersectMO_32f(from.p(), dir.p(), distance.data(), hit.p(), id.data(),
+                                     &context, kWidth, kHeight);
     else
         status =
-            kelrIntersectAnySO_32f(eye, dirs, id.data(), mask.data(), kWidth, kHeight, &context);
+            kelrIntersectAnySO_32f(eye, dir.p(), id.data(), mask.data(), kWidth, kHeight, &context);
     EXPECT_TRUE(status == KEL_STS_OK || status == KEL_STS_NO_MEM) << status;
-    for (Guarded<float>* plane :
-         {&dir[0], &dir[1], &dir[2], &from[0], &from[1], &from[2], &distance, &u, &v})
-        EXPECT_TRUE(plane->intact()) << "a float plane was written outside";
+    EXPECT_TRUE(dir.intact() && from.intact() && hit.intact() && distance.intact())
+        << "a float plane was written outside";
     EXPECT_TRUE(id.intact() && mask.intact()) << "an int plane was written outside";
     Answers answers;
     for (int i = 0; i < kRays; ++i) {
@@ -171,11 +134,12 @@ Answers trace(Query query, const IntersectContext& context, int triangleCount, b
 
 // Both paths, each query, ordinary rays alone and mixed with hostile ones.
 void traceEverything(const kelt::Mesh& mesh, const KDTreeNode* tree) {
-    kelt::TestScene scene;
-    scene.vertices = mesh.vertices;
-    scene.triangles = mesh.triangles;
-    scene.finish();
-    const IntersectContext context = scene.context(tree);
+    std::vector<TriangleAccel> accel(size_t(mesh.triangleCount()));
+    kelrTriangleAccelInit(accel.data(), mesh.vertices.data(), mesh.triangles.data(),
+                          mesh.triangleCount());
+    float box[6];
+    kelt::vertexBounds(mesh, box);
+    const IntersectContext context = {box, accel.data(), tree};
     for (Query query : {Query::kEye, Query::kMultipleOrigins, Query::kShadow})
         for (int misalign : {0, 1}) {
             SCOPED_TRACE(testing::Message() << "query " << int(query) << ", misalign " << misalign);

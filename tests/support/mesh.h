@@ -1,5 +1,5 @@
-// Triangle meshes for tests and benchmarks: a Wavefront OBJ reader and the
-// lookup of the shared mesh folder.
+// Triangle meshes for tests and benchmarks: a Wavefront OBJ reader, the
+// shared mesh folder, seeded random soups and closed shapes.
 #ifndef KEL_TEST_MESH_H
 #define KEL_TEST_MESH_H
 
@@ -15,8 +15,11 @@ struct Mesh {
     int triangleCount() const { return int(triangles.size() / 4); }
     void addTriangle(int a, int b, int c) { triangles.insert(triangles.end(), {a, b, c, 0}); }
     int addVertex(float x, float y, float z) {
-        vertices.insert(vertices.end(), {x, y, z});
+        for (float c : {x, y, z}) vertices.push_back(c);
         return vertexCount() - 1;
+    }
+    const float* corner(int triangle, int k) const {
+        return &vertices[3 * size_t(triangles[4 * size_t(triangle) + size_t(k)])];
     }
 };
 
@@ -32,6 +35,23 @@ std::string sharedMeshDir();
 // Loads stanford-bunny.obj, teapot.obj, ... from the shared folder; false
 // when the folder or file is absent.
 bool loadSharedMesh(const std::string& fileName, Mesh* mesh);
+
+// A seeded soup in the unit cube that mixes small random triangles with what
+// makes builders and traversals work hard: triangles in a few shared planes
+// (coplanar and axis-aligned, on a coarse grid so that coordinates repeat),
+// degenerate ones (a repeated corner, collinear corners, a single point),
+// large ones that cross many cells, and neighbours that share an edge or
+// repeat a triangle exactly (ties between hits).
+Mesh randomSoup(unsigned seed, int triangleCount);
+
+// Closed surfaces around (0.5, 0.5, 0.5), every edge shared by two
+// triangles: the faces of the unit cube cut into cells x cells squares, and
+// a sphere of radius 0.45 with the given slices and stacks.
+Mesh closedBox(int cells);
+Mesh closedSphere(int slices, int stacks);
+
+// Componentwise bounds of the vertices.
+void vertexBounds(const Mesh& mesh, float box[6]);
 
 }  // namespace kelt
 
