@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "alloc_count.h"
-#include "arrays.h"
+#include "queries.h"
 #include "trees.h"
 
 namespace {
@@ -75,64 +75,26 @@ bool isHostile(int ray) {
     return ray % 3 == 1;
 }
 
-// Ray i's direction from the eye (0.5, 0.5, -2) into the unit cube, or a
-// hostile one.
-void direction(int ray, bool hostile, float d[3]) {
-    if (hostile && isHostile(ray))
-        return (void)std::memcpy(d, kHostileVectors[ray / 3 % kHostileVectorCount], 12);
-    d[0] = (float(ray % kWidth) + 0.5f) / kWidth - 0.5f;
-    d[1] = (float(ray / kWidth) + 0.5f) / kHeight - 0.5f;
-    d[2] = 2.5f;
-}
-
-// What a block of rays answers; the planes are checked for writes outside.
-struct Answers {
-    std::vector<float> distance;
-    std::vector<int> mask;
-};
-
-enum class Query { kEye, kMultipleOrigins, kShadow };
-
-Answers trace(Query query, const IntersectContext& context, int triangleCount, bool hostile,
-              int misalign) {
+// Rays from the eye (0.5, 0.5, -2) into the unit cube, every fifth one
+// masked off for shadow rays; with `hostile`, every third ray has a hostile
+// direction and for rays with their own origins every sixth a hostile origin.
+kelt::Rays rays(bool hostile) {
+    kelt::Rays r(kWidth, kHeight);
     const float eye[3] = {0.5f, 0.5f, -2.0f};
-    kelt::Planes3 dir(kRays, 0, misalign), from(kRays, 0, misalign), hit(kRays, 0, misalign);
-    kelt::Plane<float> distance(kRays, 1e30f, misalign);
-    kelt::Plane<int> id(kRays, 7, misalign), mask(kRays, 0, misalign);
     for (int i = 0; i < kRays; ++i) {
-        float d[3];
-        direction(i, hostile, d);
-        dir.set(i, d);
-        const bool odd = query == Query::kMultipleOrigins && hostile && i % 6 == 4;
-        from.set(i, odd ? kHostileVectors[i % kHostileVectorCount] : eye);
-        if (i % 5 == 3) mask[i] = -1;  // not traced
+        float d[3] = {(float(i % kWidth) + 0.5f) / kWidth - 0.5f,
+                      (float(i / kWidth) + 0.5f) / kHeight - 0.5f, 2.5f};
+        r.dir.set(i, hostile && isHostile(i) ? kHostileVectors[i / 3 % kHostileVectorCount] : d);
+        r.origin.set(i, hostile && i % 6 == 4 ? kHostileVectors[i % kHostileVectorCount] : eye);
+        r.distance[size_t(i)] = 1e30f;
+        r.mask[size_t(i)] = i % 5 == 3 ? -1 : 0;
     }
-    KelStatus status = KEL_STS_OK;
-    if (query == Query::kEye)
-        status = kelrIntersectEyeSO_32f(eye, dir.p(), distance.data(), hit.p(), id.data(), &context,
-                                        kWidth, kHeight);
-    else if (query == Query::kMultipleOrigins)
-        status = kelrIntersectMO_32f(from.p(), dir.p(), distance.data(), hit.p(), id.data(),
-                                     &context, kWidth, kHeight);
-    else
-        status =
-            kelrIntersectAnySO_32f(eye, dir.p(), id.data(), mask.data(), kWidth, kHeight, &context);
-    EXPECT_TRUE(status == KEL_STS_OK || status == KEL_STS_NO_MEM) << status;
-    EXPECT_TRUE(dir.intact() && from.intact() && hit.intact() && distance.intact())
-        << "a float plane was written outside";
-    EXPECT_TRUE(id.intact() && mask.intact()) << "an int plane was written outside";
-    Answers answers;
-    for (int i = 0; i < kRays; ++i) {
-        const bool traced = query != Query::kShadow || i % 5 != 3;
-        if (traced)
-            EXPECT_TRUE(id[i] >= -1 && id[i] < triangleCount) << "ray " << i << ": " << id[i];
-        answers.distance.push_back(distance[i]);
-        answers.mask.push_back(mask[i]);
-    }
-    return answers;
+    return r;
 }
 
-// Both paths, each query, ordinary rays alone and mixed with hostile ones.
+// Both paths, each query, ordinary rays alone and mixed with hostile ones:
+// a status, ids in range, no stray writes, and the same answers for the
+// ordinary rays either way.
 void traceEverything(const kelt::Mesh& mesh, const KDTreeNode* tree) {
     std::vector<TriangleAccel> accel(size_t(mesh.triangleCount()));
     kelrTriangleAccelInit(accel.data(), mesh.vertices.data(), mesh.triangles.data(),
@@ -140,18 +102,22 @@ void traceEverything(const kelt::Mesh& mesh, const KDTreeNode* tree) {
     float box[6];
     kelt::vertexBounds(mesh, box);
     const IntersectContext context = {box, accel.data(), tree};
-    for (Query query : {Query::kEye, Query::kMultipleOrigins, Query::kShadow})
+    const kelt::Rays clean = rays(false), mixed = rays(true);
+    for (kelt::Query query : kelt::kQueries)
         for (int misalign : {0, 1}) {
             SCOPED_TRACE(testing::Message() << "query " << int(query) << ", misalign " << misalign);
-            const Answers clean = trace(query, context, mesh.triangleCount(), false, misalign);
-            const Answers mixed = trace(query, context, mesh.triangleCount(), true, misalign);
+            const kelt::Answers a = trace(query, context, clean, misalign),
+                                b = trace(query, context, mixed, misalign);
+            for (const kelt::Answers& answers : {a, b}) {
+                EXPECT_TRUE(answers.status == KEL_STS_OK || answers.status == KEL_STS_NO_MEM);
+                EXPECT_TRUE(answers.intact) << "a plane was written outside";
+                for (int id : answers.id) EXPECT_TRUE(id >= -1 && id < mesh.triangleCount()) << id;
+            }
             for (int i = 0; i < kRays; ++i) {
                 if (isHostile(i)) continue;  // hostile origins are on hostile rays too
                 // Of two triangles within the hit margin either may be found.
-                EXPECT_NEAR(clean.distance[i], mixed.distance[i],
-                            1e-6f * std::fabs(clean.distance[i]) + 1e-6f)
-                    << i;
-                EXPECT_EQ(clean.mask[i], mixed.mask[i]) << i;
+                EXPECT_NEAR(a.t[i], b.t[i], 1e-6f * std::fabs(a.t[i]) + 1e-6f) << i;
+                EXPECT_EQ(a.mask[i], b.mask[i]) << i;
             }
         }
 }

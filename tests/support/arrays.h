@@ -30,7 +30,9 @@ class Plane {
         data_ = boundary() + misalign;
         for (int i = 0; i < count; ++i) data_[i] = fill;
     }
-    Plane(const Plane&) = delete;
+    Plane(const Plane& other) : Plane(other.count_, T(), int(other.data_ - other.boundary())) {
+        assign(other.values());
+    }
     Plane& operator=(const Plane&) = delete;
 
     // Moves the values `misalign` elements past the boundary.
@@ -63,7 +65,7 @@ class Plane {
   private:
     static constexpr int kGuard = 8;  // elements: room for the boundary and the misalignment
     static constexpr uint32_t kCanary = 0xA5C3E1F7u;
-    T* boundary() {
+    T* boundary() const {
         const uintptr_t start = reinterpret_cast<uintptr_t>(store_.data() + 2);
         return reinterpret_cast<T*>((start + 15) & ~uintptr_t(15));
     }
