@@ -40,7 +40,10 @@ struct Sse4f {
     static __m128 min(__m128 a, __m128 b) { return _mm_min_ps(a, b); }
     static __m128 max(__m128 a, __m128 b) { return _mm_max_ps(a, b); }
     static __m128 sqrt(__m128 a) { return _mm_sqrt_ps(a); }
+    static __m128 rsqrt(__m128 a) { return _mm_rsqrt_ps(a); }
+    static __m128 set(float a, float b, float c, float d) { return _mm_setr_ps(a, b, c, d); }
     static __m128 lt(__m128 a, __m128 b) { return _mm_cmplt_ps(a, b); }
+    static __m128 notGreater(__m128 a, __m128 b) { return _mm_cmpngt_ps(a, b); }
     static __m128 le(__m128 a, __m128 b) { return _mm_cmple_ps(a, b); }
     static __m128 eq(__m128 a, __m128 b) { return _mm_cmpeq_ps(a, b); }
     static __m128 bitAnd(__m128 a, __m128 b) { return _mm_and_ps(a, b); }
@@ -118,7 +121,9 @@ struct Avx8f {
     static __m256 min(__m256 a, __m256 b) { return _mm256_min_ps(a, b); }
     static __m256 max(__m256 a, __m256 b) { return _mm256_max_ps(a, b); }
     static __m256 sqrt(__m256 a) { return _mm256_sqrt_ps(a); }
+    static __m256 rsqrt(__m256 a) { return _mm256_rsqrt_ps(a); }
     static __m256 lt(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_LT_OQ); }
+    static __m256 notGreater(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_NGT_UQ); }
     static __m256 le(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_LE_OQ); }
     static __m256 eq(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_EQ_OQ); }
     static __m256 bitAnd(__m256 a, __m256 b) { return _mm256_and_ps(a, b); }
@@ -431,6 +436,14 @@ inline Lanes<T, N> sqrt(Lanes<T, N> a) {
     return c;
 }
 
+// The processor's estimate of 1 / sqrt(a), good to about 12 bits.
+template <int N>
+inline Floats<N> reciprocalSqrtEstimate(Floats<N> a) {
+    Floats<N> c;
+    for (int i = 0; i < Floats<N>::kRegs; ++i) c.reg[i] = Floats<N>::Ops::rsqrt(a.reg[i]);
+    return c;
+}
+
 template <typename T, int N>
 inline Mask<T, N> operator<(Lanes<T, N> a, Lanes<T, N> b) {
     return compareRegs(a, b, Lanes<T, N>::Ops::lt);
@@ -452,6 +465,10 @@ inline Mask<T, N> operator==(Lanes<T, N> a, Lanes<T, N> b) {
     return compareRegs(a, b, Lanes<T, N>::Ops::eq);
 }
 template <typename T, int N>
+inline Mask<T, N> operator==(Lanes<T, N> a, T b) {
+    return a == Lanes<T, N>(b);
+}
+template <typename T, int N>
 inline Mask<T, N> operator<(Lanes<T, N> a, T b) {
     return a < Lanes<T, N>(b);
 }
@@ -466,6 +483,17 @@ inline Mask<T, N> operator<=(Lanes<T, N> a, T b) {
 template <typename T, int N>
 inline Mask<T, N> operator>=(Lanes<T, N> a, T b) {
     return a >= Lanes<T, N>(b);
+}
+
+// !(a > b) in one step: true where a is not greater than b, or either is
+// a NaN.
+template <int N>
+inline Mask<float, N> notGreater(Floats<N> a, Floats<N> b) {
+    return compareRegs(a, b, Floats<N>::Ops::notGreater);
+}
+template <int N>
+inline Mask<float, N> notGreater(Floats<N> a, float b) {
+    return notGreater(a, Floats<N>(b));
 }
 
 // Per lane: ifTrue where the mask is true, ifFalse elsewhere.
@@ -485,6 +513,39 @@ inline Lanes<T, N> keepWhere(Mask<T, N> m, Lanes<T, N> a) {
     for (int i = 0; i < Lanes<T, N>::kRegs; ++i)
         c.reg[i] = Mask<T, N>::Ops::bitAnd(m.reg[i], a.reg[i]);
     return c;
+}
+
+// Lanes where the mask is true become +0.0; the others keep a.
+template <typename T, int N>
+inline Lanes<T, N> clearWhere(Mask<T, N> m, Lanes<T, N> a) {
+    Lanes<T, N> c;
+    for (int i = 0; i < Lanes<T, N>::kRegs; ++i)
+        c.reg[i] = Mask<T, N>::Ops::andNot(m.reg[i], a.reg[i]);
+    return c;
+}
+// Lanes where the mask is true get their sign bit flipped.
+template <typename T, int N>
+inline Lanes<T, N> negateWhere(Mask<T, N> m, Lanes<T, N> a) {
+    return eachReg(a, keepWhere(m, signBits<T, N>()), Lanes<T, N>::Ops::bitXor);
+}
+
+// Four lanes from four values, lane 0 first.
+inline Floats<4> floats(float a, float b, float c, float d) {
+    Floats<4> v;
+    v.reg[0] = Floats<4>::Ops::set(a, b, c, d);
+    return v;
+}
+
+// The x, y and z planes of four vectors stored as three consecutive floats
+// each, lane i from p[i]. Reads exactly three floats per vector, so the last
+// vector of an array is safe to gather.
+inline void gatherXyz(const float* const p[4], Floats<4> planes[3]) {
+    __m128 v[4];
+    for (int i = 0; i < 4; ++i)
+        v[i] = _mm_movelh_ps(_mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(p[i])),
+                             _mm_load_ss(p[i] + 2));
+    _MM_TRANSPOSE4_PS(v[0], v[1], v[2], v[3]);
+    for (int k = 0; k < 3; ++k) planes[k].reg[0] = v[k];
 }
 
 // ---- Int lanes ---------------------------------------------------------------
