@@ -548,6 +548,74 @@ inline void gatherXyz(const float* const p[4], Floats<4> planes[3]) {
     for (int k = 0; k < 3; ++k) planes[k].reg[0] = v[k];
 }
 
+// a with its sign flipped where b's sign bit is set: a times the sign of b.
+template <typename T, int N>
+inline Lanes<T, N> mulSign(Lanes<T, N> a, Lanes<T, N> b) {
+    return eachReg(a, eachReg(b, signBits<T, N>(), Lanes<T, N>::Ops::bitAnd),
+                   Lanes<T, N>::Ops::bitXor);
+}
+
+// ---- Quads ---------------------------------------------------------------------
+// Four lanes at a time of a wider vector, and in double precision.
+
+// Lanes 4q to 4q + 3.
+inline Floats<4> quad(Floats<4> v, int) {
+    return v;
+}
+inline Floats<4> quad(Floats<8> v, int q) {
+    Floats<4> c;
+#if defined(__AVX2__)
+    c.reg[0] = q ? _mm256_extractf128_ps(v.reg[0], 1) : _mm256_castps256_ps128(v.reg[0]);
+#else
+    c.reg[0] = v.reg[q];
+#endif
+    return c;
+}
+
+// Eight lanes from two quads, low lanes first.
+inline Floats<8> joinQuads(Floats<4> low, Floats<4> high) {
+    Floats<8> c;
+#if defined(__AVX2__)
+    c.reg[0] = _mm256_insertf128_ps(_mm256_castps128_ps256(low.reg[0]), high.reg[0], 1);
+#else
+    c.reg[0] = low.reg[0];
+    c.reg[1] = high.reg[0];
+#endif
+    return c;
+}
+
+// Exact: every float is a double.
+inline Doubles<4> toDoubles(Floats<4> v) {
+    Doubles<4> c;
+#if defined(__AVX2__)
+    c.reg[0] = _mm256_cvtps_pd(v.reg[0]);
+#else
+    c.reg[0] = _mm_cvtps_pd(v.reg[0]);
+    c.reg[1] = _mm_cvtps_pd(_mm_movehl_ps(v.reg[0], v.reg[0]));
+#endif
+    return c;
+}
+
+// Rounded to the nearest float, as a scalar conversion rounds.
+inline Floats<4> toFloats(Doubles<4> v) {
+    Floats<4> c;
+#if defined(__AVX2__)
+    c.reg[0] = _mm256_cvtpd_ps(v.reg[0]);
+#else
+    c.reg[0] = _mm_movelh_ps(_mm_cvtpd_ps(v.reg[0]), _mm_cvtpd_ps(v.reg[1]));
+#endif
+    return c;
+}
+
+// True where a and b hold the same bits (unlike ==, which takes -0.0 for
+// +0.0 and never a NaN for itself).
+inline Mask<float, 4> sameBits(Floats<4> a, Floats<4> b) {
+    Mask<float, 4> m;
+    m.reg[0] =
+        _mm_castsi128_ps(_mm_cmpeq_epi32(_mm_castps_si128(a.reg[0]), _mm_castps_si128(b.reg[0])));
+    return m;
+}
+
 // ---- Int lanes ---------------------------------------------------------------
 // Their masks are those of float lanes, so that they combine.
 

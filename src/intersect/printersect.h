@@ -141,6 +141,22 @@ inline ProjectionAxes projectionAxes(const TriangleAccel& rec) {
     return {int(rec.axes >> 4) & 3, int(rec.axes >> 2) & 3, int(rec.axes) & 3};
 }
 
+// The projection of a record whose normal is dominant along axis k: u and
+// v follow from k (the y projection is mirrored, which the sign of the
+// projected area undoes). These are the only ones the accelerator set-up
+// writes.
+constexpr ProjectionAxes kProjections[3] = {{0, 1, 2}, {1, 0, 2}, {2, 0, 1}};
+constexpr uint32_t axisCode(ProjectionAxes p) {
+    return uint32_t(p.k << 4 | p.u << 2 | p.v);
+}
+// True when the record's projection is the one written for its axis k.
+inline bool hasStandardProjection(const TriangleAccel& rec) {
+    // Indexed by k; no axis code equals the last, made for k = 3.
+    static constexpr uint32_t kCodes[4] = {axisCode(kProjections[0]), axisCode(kProjections[1]),
+                                           axisCode(kProjections[2]), ~0u};
+    return (rec.axes & 0x3F) == kCodes[rec.axes >> 4 & 3];
+}
+
 // Tests the ray o + t r against one record and accepts 0 < t < tMax. The
 // barycentric weights are computed scaled by the denominator, so the only
 // division on the way to a decision is the one giving t. A single non-zero
@@ -316,7 +332,11 @@ KelStatus traverse(Query& query, const KDTreeNode* root, Floats<Query::kLanes> t
             } else {
                 if (deferred == kTraversalStackDepth) return KEL_STS_NO_MEM;
                 const Interval end = max(min(tSplit, tFar), tNear);
-                stack[deferred++] = {end, tFar, farChild, live & ~nearOnly};
+                Deferred& later = stack[deferred++];
+                later.tNear = end;
+                later.tFar = tFar;
+                later.node = farChild;
+                later.lanes = live & ~nearOnly;
                 tFar = end;
                 live &= ~farOnly;
                 node = nearChild;
