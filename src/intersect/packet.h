@@ -88,7 +88,7 @@ constexpr int kAllLanes = 0xF;
 // decide it (a NaN counts as small).
 template <int N>
 inline LaneMask<N> tinyComponents(Floats<N> r) {
-    return !(lanes::magnitude(r) > kTinyComponent);
+    return notGreater(lanes::magnitude(r), kTinyComponent);
 }
 
 // 1 when a traced lane of `r` points towards lower coordinates: the shared
@@ -135,7 +135,7 @@ struct NearestLanes {
     }
 
     // A hit within the interval just finished is nearer than anything behind.
-    int finished(Floats<N> tFar) const { return (!(distance > tFar)).bits(); }
+    int finished(Floats<N> tFar) const { return notGreater(distance, tFar).bits(); }
 };
 
 // Narrows each lane's interval to one slab, except on lanes whose direction

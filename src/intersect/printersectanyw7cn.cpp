@@ -49,7 +49,7 @@ struct SegmentRays {
     }
 
     // Nothing beyond the segment's end can occlude it.
-    int finished(Floats<N> tFar) const { return (!(Floats<N>(kSegmentEnd) > tFar)).bits(); }
+    int finished(Floats<N> tFar) const { return notGreater(Floats<N>(kSegmentEnd), tFar).bits(); }
 };
 
 // Traces the segments of a packet (rows `width` elements apart) whose lane
