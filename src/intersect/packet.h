@@ -315,6 +315,17 @@ struct NearestKernels {
     }
 };
 
+// A nearest-hit driver made of its two kernels: the whole block, tile by
+// tile. Origin as for NearestKernels.
+template <typename Origin, auto kTrace4x2, auto kTrace4x1>
+KelStatus traceNearestBlock(Origin origin, const float* const direction[3], const float* box,
+                            const TriangleAccel* accel, const KDTreeNode* tree, float* distance,
+                            float* const hit[2], int* id, int width, int height) {
+    NearestKernels<Origin, kTrace4x2, kTrace4x1> kernels{origin,   direction, box, accel, tree,
+                                                         distance, hit,       id,  width};
+    return traceNearestTiles(kernels, direction, id, width, height);
+}
+
 // The rays of the tile at `first` whose mask entry is >= 0.
 inline int tracedRays(const int* pMask, int first, int width) {
     int rays = 0;

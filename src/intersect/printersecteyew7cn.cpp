@@ -401,17 +401,11 @@ KelStatus traceTwoRows(const float origin[3], const float* const direction[3],
                            width, 0xFF);
 }
 
-KelStatus traceBlock(const float origin[3], const float* const direction[3], const float* pSceneBox,
-                     const TriangleAccel* pAccel, const KDTreeNode* pTree, float* pDistance,
-                     float* const hit[2], int* pTriangleId, int width, int height) {
-    packet::NearestKernels<const float*, traceTwoRows, traceRow> kernels{
-        origin, direction, pSceneBox, pAccel, pTree, pDistance, hit, pTriangleId, width};
-    return packet::traceNearestTiles(kernels, direction, pTriangleId, width, height);
-}
-
 }  // namespace
 
-const EyePacketPath kEyePacketPath = {kCompiledIsa, traceBlock, traceTwoRows, traceRow};
+const EyePacketPath kEyePacketPath = {
+    kCompiledIsa, packet::traceNearestBlock<const float*, traceTwoRows, traceRow>, traceTwoRows,
+    traceRow};
 
 }  // namespace KEL_ISA
 }  // namespace kel

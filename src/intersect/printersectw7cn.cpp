@@ -96,18 +96,11 @@ KelStatus traceTwoRows(const float* const origin[3], const float* const directio
                                  pTriangleId, width, 0xFF);
 }
 
-KelStatus traceBlock(const float* const origin[3], const float* const direction[3],
-                     const float* pSceneBox, const TriangleAccel* pAccel, const KDTreeNode* pTree,
-                     float* pDistance, float* const hit[2], int* pTriangleId, int width,
-                     int height) {
-    packet::NearestKernels<const float* const*, traceTwoRows, traceRow> kernels{
-        origin, direction, pSceneBox, pAccel, pTree, pDistance, hit, pTriangleId, width};
-    return packet::traceNearestTiles(kernels, direction, pTriangleId, width, height);
-}
-
 }  // namespace
 
-const OwnOriginPacketPath kOwnOriginPacketPath = {kCompiledIsa, traceBlock, traceTwoRows, traceRow};
+const OwnOriginPacketPath kOwnOriginPacketPath = {
+    kCompiledIsa, packet::traceNearestBlock<const float* const*, traceTwoRows, traceRow>,
+    traceTwoRows, traceRow};
 
 }  // namespace KEL_ISA
 }  // namespace kel
