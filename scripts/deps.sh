@@ -12,9 +12,22 @@ for pkg in $need; do
     missing="$missing $pkg"
 done
 [ -z "$missing" ] && exit 0
+# A package of another architecture (libc6:i386) needs that architecture
+# added to dpkg first.
+foreign=$(printf '%s\n' $missing | sed -n 's/^[^:]*:\(.*\)$/\1/p' | sort -u)
+for arch in $foreign; do
+  dpkg --print-foreign-architectures | grep -qx "$arch" && continue
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "Add the $arch architecture with: sudo dpkg --add-architecture $arch"
+    exit 1
+  fi
+  dpkg --add-architecture "$arch"
+done
 if [ "$(id -u)" -eq 0 ]; then
   echo "Installing:$missing"
-  apt-get update -qq
+  # An index that fails to download (a mirror in sync) need not stop the
+  # install: the packages may well come from the others.
+  apt-get update -qq || echo "apt-get update reported errors; installing anyway"
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq$missing
 else
   echo "Missing packages:$missing"

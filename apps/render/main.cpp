@@ -1,7 +1,12 @@
 // kelr-render: a Whitted-style ray tracer built on libkelrt7. It renders the
 // built-in scene, or an OBJ mesh standing in it, to a PNG.
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdio>
 #include <exception>
+#include <future>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -52,6 +57,39 @@ void warnIfSlow(const Options& options, const Scene& scene) {
                      scene.mesh.triangleCount());
 }
 
+// Builds the tree on a helper thread while this one keeps one line on stderr
+// up to date: the build is most of the wall time. On a terminal the line
+// counts the seconds; elsewhere it is written once, when the build ends.
+std::unique_ptr<SceneAccel> buildWithClock(const Scene& scene, const Options& options) {
+    const KelLibraryVersion* version = kelrGetLibVersion();
+    const std::string line =
+        std::string("kelr-render: ") + version->libraryName + " " + version->versionText + ", " +
+        withThousands(scene.mesh.triangleCount()) + " triangles: building the " +
+        (options.build.builder == TreeBuilder::kPsah ? "PSAH" : "simple") + " tree...";
+    const bool ticking = !options.quiet && isatty(fileno(stderr));
+    std::fprintf(stderr, "%s", line.c_str());
+    std::fflush(stderr);
+    const auto start = std::chrono::steady_clock::now();
+    std::future<std::unique_ptr<SceneAccel>> build = std::async(std::launch::async, [&] {
+        return std::make_unique<SceneAccel>(scene.mesh, options.build);
+    });
+    while (build.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+        if (!ticking) continue;
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+        std::fprintf(stderr, "\r%s %.1f s", line.c_str(), elapsed.count());
+        std::fflush(stderr);
+    }
+    try {
+        std::unique_ptr<SceneAccel> accel = build.get();
+        if (ticking) std::fprintf(stderr, "\r%s", line.c_str());
+        std::fprintf(stderr, " done in %.2f s\n", accel->buildSeconds());
+        return accel;
+    } catch (...) {
+        std::fprintf(stderr, " failed\n");
+        throw;
+    }
+}
+
 int run(const Options& options) {
     Scene scene;
     std::string error;
@@ -65,11 +103,8 @@ int run(const Options& options) {
             "along 'up'");
     if (!outputWritable(options.out, &error)) return fail(error);
 
-    const KelLibraryVersion* version = kelrGetLibVersion();
-    std::fprintf(stderr, "kelr-render: %s %s, %d triangles, building the %s tree...\n",
-                 version->libraryName, version->versionText, scene.mesh.triangleCount(),
-                 options.build.builder == TreeBuilder::kPsah ? "PSAH" : "simple");
-    SceneAccel accel(scene.mesh, options.build);
+    const std::unique_ptr<SceneAccel> built = buildWithClock(scene, options);
+    const SceneAccel& accel = *built;
     warnIfSlow(options, scene);
 
     ProgressBar bar(stderr);
@@ -95,6 +130,10 @@ int main(int argc, char** argv) {
     }
     if (options.help) {
         std::printf("%s", usage().c_str());
+        return 0;
+    }
+    if (options.version) {
+        std::printf("%s", versionText().c_str());
         return 0;
     }
     try {

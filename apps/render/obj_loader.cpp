@@ -2,11 +2,16 @@
 
 #include <tiny_obj_loader.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <utility>
+
+#include "weld.h"
 
 namespace render {
 
@@ -18,6 +23,54 @@ const size_t kMaxTriangles = 16u << 20;
 bool fail(std::string* error, const std::string& message) {
     *error = message;
     return false;
+}
+
+// One whitespace-separated word of a line, from *at on; empty at the end.
+std::string nextWord(const std::string& line, size_t* at) {
+    const size_t start = line.find_first_not_of(" \t\r", *at);
+    if (start == std::string::npos) {
+        *at = line.size();
+        return "";
+    }
+    *at = std::min(line.find_first_of(" \t\r", start), line.size());
+    return line.substr(start, *at - start);
+}
+
+bool isFiniteNumber(const std::string& word) {
+    if (word.empty() || word.find_first_not_of("0123456789+-.eE") != std::string::npos)
+        return false;
+    char* end = nullptr;
+    const double value = std::strtod(word.c_str(), &end);
+    return *end == '\0' && std::isfinite(value);
+}
+
+// The reader takes a coordinate it cannot parse ("nan", "1.5e", "abc") for
+// 0 and drops a face of fewer than three corners (a file cut off mid-line)
+// without a word. Both mean a broken file, so the text is checked first.
+bool checkLines(const std::string& text, std::string* error) {
+    size_t number = 0;
+    for (size_t start = 0; start < text.size(); ++number) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        const std::string line = text.substr(start, end - start);
+        start = end + 1;
+        size_t at = 0;
+        const std::string keyword = nextWord(line, &at);
+        const std::string where = "line " + std::to_string(number + 1) + ": ";
+        if (keyword == "v" || keyword == "vn") {
+            for (int k = 0; k < 3; ++k) {
+                const std::string word = nextWord(line, &at);
+                if (word.empty()) return fail(error, where + "fewer than three coordinates");
+                if (!isFiniteNumber(word))
+                    return fail(error, where + "'" + word + "' is not a finite number");
+            }
+        } else if (keyword == "f") {
+            int corners = 0;
+            while (!nextWord(line, &at).empty()) ++corners;
+            if (corners < 3) return fail(error, where + "a face needs at least three corners");
+        }
+    }
+    return true;
 }
 
 bool finite(const std::vector<tinyobj::real_t>& values) {
@@ -84,6 +137,7 @@ bool convert(const tinyobj::ObjReader& reader, Mesh* mesh, std::string* error) {
             result.addTriangle(corner[0], corner[1], corner[2], 0);
         }
     }
+    weldVertices(&result);
     if (!ownNormals) computeVertexNormals(&result);
     *mesh = std::move(result);
     return true;
@@ -102,7 +156,10 @@ bool loadObjFile(const std::string& path, Mesh* mesh, std::string* error) {
     // Checked here because the reader's own message for a missing file is terse.
     if (std::filesystem::is_directory(path))
         return fail(error, "'" + path + "' is a folder, not an OBJ file");
-    if (!std::ifstream(path)) return fail(error, "cannot open '" + path + "'");
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return fail(error, "cannot open '" + path + "'");
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    if (!checkLines(text, error)) return fail(error, "'" + path + "': " + *error);
     tinyobj::ObjReader reader;
     if (!reader.ParseFromFile(path, readerConfig()))
         return fail(error, "'" + path + "' is not a valid OBJ file: " + reader.Error());
@@ -111,6 +168,7 @@ bool loadObjFile(const std::string& path, Mesh* mesh, std::string* error) {
 }
 
 bool parseObjText(const std::string& text, Mesh* mesh, std::string* error) {
+    if (!checkLines(text, error)) return false;
     tinyobj::ObjReader reader;
     if (!reader.ParseFromString(text, "", readerConfig()))
         return fail(error, "not a valid OBJ text: " + reader.Error());

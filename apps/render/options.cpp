@@ -1,12 +1,16 @@
 #include "options.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <iterator>
 #include <sstream>
+
+#include "kelr.h"
 
 namespace render {
 
@@ -51,13 +55,19 @@ bool parseSize(const std::string& text, int* width, int* height) {
            parseInt(text.substr(x + 1), 1, kMaxImageSide, height);
 }
 
+bool hasPngExtension(const std::string& path) {
+    std::string extension = std::filesystem::path(path).extension().string();
+    for (char& c : extension) c = char(std::tolower(static_cast<unsigned char>(c)));
+    return extension == ".png";
+}
+
 }  // namespace
 
 std::string usage() {
     return "Usage: kelr-render [options]\n"
            "Renders the built-in scene (or a mesh on its floor) to a PNG through libkelrt7.\n"
            "\n"
-           "  --out FILE         PNG to write (default kelr-render.png)\n"
+           "  --out FILE.png     PNG to write (default kelr-render.png)\n"
            "  --size WxH         image size, or one number for a square (default 1024x768)\n"
            "  --bounces N        mirror bounces after the eye rays, 0..16 (default 3)\n"
            "  --threads N        render threads (default: one per processor)\n"
@@ -73,7 +83,14 @@ std::string usage() {
            "  --max-depth N      deepest PSAH tree, 0..50 (default 50)\n"
            "  --weight W         PSAH split eagerness, 0..1 (default 0.2)\n"
            "  --quiet            no progress bar\n"
-           "  --help             this text\n";
+           "  -h, --help         this text\n"
+           "  --version          the program's and the library's version\n";
+}
+
+std::string versionText() {
+    const KelLibraryVersion* library = kelrGetLibVersion();
+    return std::string("kelr-render ") + KEL_RENDER_VERSION + "\nRuns on " + library->libraryName +
+           " " + library->versionText + ".\n";
 }
 
 bool parseOptions(const std::vector<std::string>& args, Options* options, std::string* error) {
@@ -85,6 +102,10 @@ bool parseOptions(const std::vector<std::string>& args, Options* options, std::s
         }
         if (name == "--quiet") {
             options->quiet = true;
+            continue;
+        }
+        if (name == "--version") {
+            options->version = true;
             continue;
         }
         if (name.rfind("--", 0) != 0 || name.size() == 2) {
@@ -112,7 +133,8 @@ bool parseOptions(const std::vector<std::string>& args, Options* options, std::s
         float number = 0.0f;
         int count = 0;
         if (name == "--out") {
-            if (value.empty()) return bad("a file name");
+            // PNG is the only format written: a .jpg name would get PNG data.
+            if (!hasPngExtension(value)) return bad("a file name ending in .png");
             options->out = value;
         } else if (name == "--size") {
             if (!parseSize(value, &options->render.width, &options->render.height) ||

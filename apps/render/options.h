@@ -21,6 +21,7 @@ struct Options {
     std::optional<float> fov;
     bool quiet = false;
     bool help = false;
+    bool version = false;
 };
 
 // The largest image accepted; beyond it the image alone would need gigabytes.
@@ -32,6 +33,9 @@ constexpr long long kMaxPixels = 8192LL * 8192;
 bool parseOptions(const std::vector<std::string>& args, Options* options, std::string* error);
 
 std::string usage();
+
+// "kelr-render 5.2" and the library it runs with.
+std::string versionText();
 
 }  // namespace render
 

@@ -13,7 +13,6 @@ namespace render {
 namespace {
 
 const uint64_t kMiB = 1u << 20;
-const uint64_t kChunkBytes = 16 * kMiB + 20;  // one 16 MiB chunk and its record
 
 uint64_t roundUpMiB(uint64_t bytes) {
     return (bytes + kMiB - 1) / kMiB;
@@ -24,21 +23,11 @@ uint64_t roundUpMiB(uint64_t bytes) {
 uint32_t psahBudgetMiB(int vertexCount, int triangleCount) {
     const uint64_t v = uint64_t(std::max(vertexCount, 0));
     const uint64_t t = uint64_t(std::max(triangleCount, 0));
-    // What the builder takes before it starts: its state, twelve scratch
-    // arrays of one int per triangle, the patch store (36 bytes a triangle in
-    // whole 16 MiB steps, plus one) and the store of cut vertices (16 MiB per
-    // started 4 MiB of vertex data).
-    const uint64_t fixed = 204 + 48 * t + ((36 * t) & ~uint64_t(0xFFFFFF)) + 16 * kMiB +
-                           (((12 * v) >> 22) + 1) * 16 * kMiB;
-    // Then 16 MiB chunks for tree nodes, leaf lists and patch vertex records:
-    // at least one of each, and about 256 bytes a triangle in all, which
-    // leaves room for triangles that end up in many leaves. The budget is
-    // only an upper bound; chunks are allocated as the build needs them.
-    const uint64_t chunks = 3 + (256 * t + kChunkBytes - 1) / kChunkBytes;
-    const uint64_t needed = fixed + chunks * kChunkBytes;
-    // The builder also refuses budgets below 32 MiB plus 84 bytes a triangle.
-    const uint64_t floor = 12 * v + 84 * t + 32 * kMiB + 244;
-    return uint32_t(std::min<uint64_t>(roundUpMiB(std::max(needed, floor)), UINT32_MAX));
+    // The library's documented budget: 32 MiB of stores and three 16 MiB
+    // chunks, a chunk more per 65,536 triangles, and a bound on the stores
+    // that grow with the mesh.
+    const uint64_t mib = 80 + 16 * (t / 65536) + roundUpMiB(96 * t + 48 * v + 1024);
+    return uint32_t(std::min<uint64_t>(mib, UINT32_MAX));
 }
 
 TreeStats walkTree(const KDTreeNode* tree, int treeSize) {

@@ -22,7 +22,8 @@ struct BuildSettings {
     uint32_t memoryMiB = 0;   // PSAH working-memory budget; 0 sizes it to the mesh
 };
 
-// The PSAH budget that comfortably fits a mesh of this size, in MiB.
+// The PSAH budget that builds a mesh of this size, in MiB (the formula of
+// the library's reference).
 uint32_t psahBudgetMiB(int vertexCount, int triangleCount);
 
 struct TreeStats {

@@ -32,7 +32,7 @@ void TileRenderer::render(int tileX, int tileY, Image* image, RayCounts* rays) {
     std::fill(t.throughput.at, t.throughput.at + kTileRays, 1.0f);
     std::fill(t.alive.at, t.alive.at + kTileRays, 0);
 
-    traceEyeRays(tileX, tileY, rays);
+    traceEyeRays(tileX, tileY, *image, rays);
     addSkyForMisses(t.alive);
     findSurfaces();
     shadeAndAccumulate(rays);
@@ -57,7 +57,7 @@ void TileRenderer::copyToImage(int tileX, int tileY, Image* image) const {
     }
 }
 
-void TileRenderer::traceEyeRays(int tileX, int tileY, RayCounts* rays) {
+void TileRenderer::traceEyeRays(int tileX, int tileY, const Image& image, RayCounts* rays) {
     TileBuffers& t = *tile_;
     check(kelrCastEye_32f(camera_.corner.data(), camera_.columnStep.data(), camera_.rowStep.data(),
                           tileX, tileY, kTileSide, kTileSide, t.direction.planes, kTileSide,
@@ -76,7 +76,18 @@ void TileRenderer::traceEyeRays(int tileX, int tileY, RayCounts* rays) {
     check(kelrIntersectEyeSO_32f(camera_.eye.data(), t.direction.planes, t.distance.at, t.hit,
                                  t.triangle.at, &accel_.context(), kTileSide, kTileSide),
           "kelrIntersectEyeSO_32f");
-    rays->eye += kTileRays;
+    // Rays past the image's edge stop here: marked as misses they get no
+    // shading, shadow rays or bounces, and they are not counted.
+    for (int row = 0; row < kTileSide; ++row) {
+        for (int column = 0; column < kTileSide; ++column) {
+            const bool inside =
+                tileX * kTileSide + column < image.width && tileY * kTileSide + row < image.height;
+            if (inside)
+                ++rays->eye;
+            else
+                t.triangle.at[row * kTileSide + column] = -1;
+        }
+    }
     check(kelrHitPoint3DEpsS0_32f_M(camera_.eye.data(), t.direction.planes, t.distance.at,
                                     t.triangle.at, t.point.planes, kTileRays, kHitScale),
           "kelrHitPoint3DEpsS0_32f_M");

@@ -21,13 +21,14 @@ class TileRenderer {
     TileRenderer(const Scene& scene, const SceneAccel& accel, const Camera& camera, int bounces,
                  NormalMode normals);
 
-    // Renders tile (tileX, tileY) into image; the rays beyond the image's
-    // edge are traced too, so every block stays 16 x 16, and then dropped.
+    // Renders tile (tileX, tileY) into image. Eye rays beyond the image's
+    // edge are traced too, so that every block stays 16 x 16, but go no
+    // further and are not counted.
     // Throws LibraryError when a library call fails.
     void render(int tileX, int tileY, Image* image, RayCounts* rays);
 
   private:
-    void traceEyeRays(int tileX, int tileY, RayCounts* rays);
+    void traceEyeRays(int tileX, int tileY, const Image& image, RayCounts* rays);
     void traceBounce(RayCounts* rays);
     void findSurfaces();
     void shadeAndAccumulate(RayCounts* rays);

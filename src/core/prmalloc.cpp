@@ -6,10 +6,15 @@ namespace {
 
 constexpr uintptr_t kAlignment = 32;
 
-void* localMallocAligned(int len, uint32_t elementSize) {
+void* localMallocAligned(int len, size_t elementSize) {
     if (len < 1) return nullptr;
-    // The product is deliberately not checked for overflow.
-    uint32_t bytes = uint32_t(len) * elementSize + uint32_t(kAlignment + sizeof(void*));
+    // The byte count is a size_t. A count that does not fit one (only a
+    // 32-bit target can get there) is refused rather than wrapped into a
+    // small block the caller would then overrun.
+    size_t bytes;
+    if (__builtin_mul_overflow(size_t(len), elementSize, &bytes) ||
+        __builtin_add_overflow(bytes, size_t(kAlignment + sizeof(void*)), &bytes))
+        return nullptr;
     void* raw = i_malloc(bytes);
     if (!raw) return nullptr;
     uintptr_t block = (uintptr_t(raw) + kAlignment + sizeof(void*) - 1) & ~(kAlignment - 1);

@@ -362,13 +362,16 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
         const auto tiny = packet::tinyComponents(r[a]);
         rays.inverse[a] = select(tiny, Floats<N>(kEyeZeroInverse), 1.0f / r[a]);
         packet::narrowToSlab(tiny, lo / r[a], hi / r[a], &entry, &exit);
-        // A lane whose direction is not a number hits nothing, and must not
-        // wipe out the other lanes' largest components.
+        // A lane whose direction is not a number or infinite hits nothing
+        // (its t is 0 or NaN), and must not wipe out the other lanes' largest
+        // components or widen their error bounds to infinity, which would
+        // sieve out every record.
         float largestComponent = 0.0f;
-        for (int lane = 0; lane < N; ++lane)
-            if (lanes >> lane & 1)
-                largestComponent =
-                    largest(largestComponent, magnitude(rays.laneDirection[a][lane]));
+        for (int lane = 0; lane < N; ++lane) {
+            const float component = magnitude(rays.laneDirection[a][lane]);
+            if ((lanes >> lane & 1) && component <= kFloatMax)
+                largestComponent = largest(largestComponent, component);
+        }
         rays.extent += largestComponent;
     }
     for (int k = 0; k < 3; ++k) {

@@ -10,7 +10,7 @@ struct Vec3d {
 };
 
 Vec3d vertex(const float* vertices, int index) {
-    const float* p = vertices + 3 * index;
+    const float* p = vertices + 3 * ptrdiff_t(index);
     return {{double(p[0]), double(p[1]), double(p[2])}};
 }
 
@@ -93,7 +93,8 @@ KEL_API KelStatus kelrTriangleAccelGetSize(int* pSize) {
 // written: callers keep their own data there.
 KEL_API KelStatus kelrTriangleAccelInit(TriangleAccel* pAccel, const float* pVertices,
                                         const int* pTriangles, int count) {
-    for (int i = 0; i < count; ++i) fillRecord(pAccel + i, pVertices, pTriangles + 4 * i, i);
+    for (int i = 0; i < count; ++i)
+        fillRecord(pAccel + i, pVertices, pTriangles + 4 * ptrdiff_t(i), i);
     return KEL_STS_OK;
 }
 

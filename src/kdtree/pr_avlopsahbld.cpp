@@ -10,86 +10,81 @@ namespace {
 
 // Memory a build needs before the first triangle: the 16 MiB head-room of the
 // patch store and of the vertex store, the build state and two chunk records.
-constexpr uint32_t kFixedNeed =
-    2 * kChunkDataBytes + uint32_t(sizeof(PsahBuildState)) + 2 * uint32_t(sizeof(PsahChunk));
-// Per triangle: its word in each scratch array and three patches' worth of
-// patch store (the root array plus the deferred left children).
-constexpr uint32_t kScratchBytesPerTriangle = kScratchArrays * sizeof(float);
+constexpr uint32_t kFixedNeed = 2 * kChunkDataBytes + kStateCharge + 2 * kChunkRecordCharge;
+// Per triangle: its word in each of the twelve scratch arrays the split
+// search was once given and three patches' worth of patch store (the root
+// array plus the deferred left children).
+constexpr uint32_t kScratchBytesPerTriangle = 12 * sizeof(float);
 constexpr uint32_t kPatchBytesPerTriangle = 3 * sizeof(PsahPatch);
 constexpr uint32_t kVertexBytes = 3 * sizeof(float);
 
 // A cut triangle: three slabs add at most two corners each.
 constexpr int kMaxCorners = 9;
 
-void releasePool(PsahPool* pool) {
-    kelsFree(pool->base);
-    pool->base = pool->end = pool->cursor = nullptr;
-}
+// The stores a build charges before its first triangle, in bytes. The patch
+// store rounds 36 bytes a triangle down to whole 16 MiB and adds 16 MiB; the
+// vertex store gives 16 MiB per started 4 MiB of mesh vertices, head-room for
+// the points that cutting creates. All of it is charged to the budget.
+struct StoreSizes {
+    uint64_t patch;
+    uint64_t vertex;
+    uint64_t total;  // with the state and the scratch arrays
+};
 
-bool allocatePool(PsahBuildState* state, PsahPool* pool, uint32_t bytes) {
-    pool->base = reinterpret_cast<char*>(kelsMalloc_32s(int(bytes / 4)));
-    pool->end = pool->base ? pool->base + bytes : nullptr;
-    pool->cursor = pool->base;
-    state->budget -= bytes;
-    return pool->base != nullptr;
+StoreSizes storeSizes(int vertexCount, int triangleCount) {
+    const uint64_t T = uint64_t(triangleCount);
+    StoreSizes sizes;
+    sizes.patch = ((kPatchBytesPerTriangle * T) & ~uint64_t(kChunkDataBytes - 1)) + kChunkDataBytes;
+    sizes.vertex = (((kVertexBytes * uint64_t(vertexCount)) >> 22) + 1) << 24;
+    sizes.total = kStateCharge + kScratchBytesPerTriangle * T + sizes.patch + sizes.vertex;
+    return sizes;
 }
 
 // What only the optimisation needs; the build nodes and the index lists stay
 // because the build tree lives in them until it is packed.
 void releaseWorkingMemory(PsahBuildState* state) {
-    releaseChunks(&state->recordChunks);
-    releasePool(&state->patchPool);
-    releasePool(&state->vertexPool);
-    for (int k = 0; k < kScratchArrays; ++k) {
-        kelsFree(state->scratch[k]);
-        state->scratch[k] = nullptr;
-    }
+    arenaRelease(&state->records.arena);
+    for (const float**& head : state->records.free) head = nullptr;
+    arenaRelease(&state->points);
+    kelsFree(state->rootPatches);
+    state->rootPatches = nullptr;
 }
 
-// The chunk lists go first, then the pools and scratch arrays still held,
-// then the state itself.
 void releaseBuildState(PsahBuildState* state) {
-    releaseChunks(&state->nodeChunks);
-    releaseChunks(&state->indexChunks);
+    arenaRelease(&state->nodes);
+    arenaRelease(&state->lists);
+    releaseThreadStores(state);
     releaseWorkingMemory(state);
     kelsFree(state);
 }
 
-// The build state with every store it owns from the start. Null when an
-// allocation fails; whatever was obtained is released then.
+// The build state with the budget charged for the state, the scratch arrays
+// and the two stores, which fit it; the root's patch array, one patch per
+// triangle at most, is the only memory taken yet. Null when an allocation
+// fails; whatever was obtained is released then.
 PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, int vertexCount,
-                                 int triangleCount, uint32_t budgetBytes) {
+                                 int triangleCount, uint32_t budgetBytes, const StoreSizes& sizes) {
     auto* state =
         reinterpret_cast<PsahBuildState*>(kelsMalloc_32s(int((sizeof(PsahBuildState) + 3) / 4)));
     if (!state) return nullptr;
-    const uint32_t T = uint32_t(triangleCount);
+    *state = PsahBuildState();
     state->totalBudget = budgetBytes;
-    state->budget = budgetBytes - uint32_t(sizeof(PsahBuildState));
     state->vertexBegin = pVertices;
-    state->vertexEnd = state->vertexLimit = pVertices + 3 * size_t(vertexCount);
+    state->vertexEnd = pVertices + 3 * size_t(vertexCount);
     state->triangleBegin = pTriangles;
-    state->triangleEnd = state->triangleLimit = pTriangles + 4 * size_t(triangleCount);
-    initChunkList(&state->nodeChunks);
-    initChunkList(&state->indexChunks);
-    initChunkList(&state->recordChunks);
-    for (int k = 0; k < kRecordSizeClasses; ++k) state->freeRecords[k] = nullptr;
-    state->patchPool.base = state->vertexPool.base = nullptr;
-
-    bool complete = true;
-    for (int k = 0; k < kScratchArrays; ++k) {
-        state->scratch[k] = reinterpret_cast<float*>(kelsMalloc_32s(triangleCount));
-        state->budget -= T * uint32_t(sizeof(float));
-        complete = complete && (state->scratch[k] || triangleCount == 0);
-    }
-    // The patch store rounds down to whole 16 MiB and adds 16 MiB; the vertex
-    // store gives 16 MiB per started 4 MiB of mesh vertices, head-room for the
-    // points that cutting creates.
-    const uint32_t patchBytes =
-        ((kPatchBytesPerTriangle * T) & ~(kChunkDataBytes - 1)) + kChunkDataBytes;
-    const uint32_t vertexBytes = (((kVertexBytes * uint32_t(vertexCount)) >> 22) + 1) << 24;
-    complete = allocatePool(state, &state->patchPool, patchBytes) && complete;
-    complete = allocatePool(state, &state->vertexPool, vertexBytes) && complete;
-    if (!complete) {
+    state->triangleEnd = pTriangles + 4 * size_t(triangleCount);
+    state->ledger.budget = budgetBytes - uint32_t(sizes.total);
+    PsahWorkspace& work = state->work;
+    work.ledger = &state->ledger;
+    work.patches.end = sizes.patch;
+    work.points.end = sizes.vertex;
+    work.records = &state->records;
+    work.pointMemory = &state->points;
+    work.nodes = &state->nodes;
+    work.lists = &state->lists;
+    const size_t patchWords = size_t(triangleCount > 0 ? triangleCount : 1) * sizeof(PsahPatch) / 4;
+    state->rootPatches = reinterpret_cast<PsahPatch*>(kelsMalloc_32s(int(patchWords)));
+    if (!state->rootPatches) {
         releaseBuildState(state);
         return nullptr;
     }
@@ -106,18 +101,15 @@ bool isMeshVertex(const PsahBuildState* state, const float* p) {
 // only on the caller's stack and are copied into the vertex store.
 const float** storeCorners(PsahBuildState* state, const float* const* corners, int n,
                            KelStatus* status) {
-    const float** record = takeVertexRecord(state, n, status);
+    const float** record = takeVertexRecord(&state->work, n, status);
     if (!record) return nullptr;
     for (int k = 0; k < n; ++k) {
         if (isMeshVertex(state, corners[k])) {
             record[k] = corners[k];
             continue;
         }
-        auto* copy = static_cast<float*>(takeFromPool(&state->vertexPool, kVertexBytes));
-        if (!copy) {
-            *status = KEL_STS_OVERFLOW;
-            return nullptr;
-        }
+        float* copy = takePoint(&state->work, status);
+        if (!copy) return nullptr;
         for (int c = 0; c < 3; ++c) copy[c] = corners[k][c];
         record[k] = copy;
     }
@@ -178,7 +170,7 @@ void clipToSlab(const ClipPolygon& in, int axis, float lo, float hi, ClipPolygon
 bool cutTriangleToBox(const PsahBuildState* state, const int* triangle, const float* box,
                       ClipPolygon pass[4]) {
     pass[0].n = 3;
-    for (int k = 0; k < 3; ++k) pass[0].corner[k] = state->vertexBegin + 3 * triangle[k];
+    for (int k = 0; k < 3; ++k) pass[0].corner[k] = state->vertexBegin + 3 * ptrdiff_t(triangle[k]);
     for (int axis = 0; axis < 3; ++axis) {
         clipToSlab(pass[axis], axis, box[axis], box[axis + 3], &pass[axis + 1]);
         if (pass[axis + 1].n < 3) return false;
@@ -206,10 +198,10 @@ static KelStatus localInitPatchesFromTrianglesBB(PsahPatch** ppFirst, int* pCoun
         const ClipPolygon& polygon = pass[3];
         const float** record = storeCorners(state, polygon.corner, polygon.n, &status);
         if (!record) return status;
-        auto* patch = static_cast<PsahPatch*>(takeFromPool(&state->patchPool, sizeof(PsahPatch)));
-        if (!patch) return KEL_STS_OVERFLOW;
-        if (!*ppFirst) *ppFirst = patch;
-        fillPatch(patch, i, record, polygon.n);
+        status = chargeStore(&state->work.patches, sizeof(PsahPatch));
+        if (status != KEL_STS_OK) return status;
+        *ppFirst = state->rootPatches;
+        fillPatch(&state->rootPatches[count], i, record, polygon.n);
         ++count;
     }
     *pCount = count;
@@ -222,7 +214,7 @@ namespace {
 void vertexBox(const float* pVertices, int vertexCount, float* box) {
     for (int a = 0; a < 3; ++a) box[a] = box[a + 3] = pVertices[a];
     for (int i = 1; i < vertexCount; ++i) {
-        const float* v = pVertices + 3 * i;
+        const float* v = pVertices + 3 * ptrdiff_t(i);
         for (int a = 0; a < 3; ++a) {
             if (v[a] < box[a]) box[a] = v[a];
             if (v[a] > box[a + 3]) box[a + 3] = v[a];
@@ -233,14 +225,15 @@ void vertexBox(const float* pVertices, int vertexCount, float* box) {
 // One whole-triangle patch per triangle, in one contiguous array.
 KelStatus initPatchesFromTriangles(PsahPatch** ppFirst, const int* pTriangles, int triangleCount,
                                    PsahBuildState* state) {
-    auto* patches = static_cast<PsahPatch*>(
-        takeFromPool(&state->patchPool, uint32_t(triangleCount) * uint32_t(sizeof(PsahPatch))));
-    if (!patches) return KEL_STS_OVERFLOW;
-    KelStatus status = KEL_STS_OK;
+    KelStatus status =
+        chargeStore(&state->work.patches, uint64_t(triangleCount) * sizeof(PsahPatch));
+    if (status != KEL_STS_OK) return status;
+    PsahPatch* patches = state->rootPatches;
     for (int i = 0; i < triangleCount; ++i) {
-        const float** record = takeVertexRecord(state, 3, &status);
+        const float** record = takeVertexRecord(&state->work, 3, &status);
         if (!record) return status;
-        for (int k = 0; k < 3; ++k) record[k] = state->vertexBegin + 3 * pTriangles[4 * i + k];
+        for (int k = 0; k < 3; ++k)
+            record[k] = state->vertexBegin + 3 * ptrdiff_t(pTriangles[4 * i + k]);
         fillPatch(&patches[i], i, record, 3);
     }
     *ppFirst = patches;
@@ -248,7 +241,7 @@ KelStatus initPatchesFromTriangles(PsahPatch** ppFirst, const int* pTriangles, i
 }
 
 // Grows the build tree from the patches; the root starts as one leaf holding
-// them all. The tree is left in the node and index chunks.
+// them all. The tree is left in the node and list arenas.
 KelStatus growBuildTree(PsahBuildState* state, const float* pVertices, const int* pTriangles,
                         int vertexCount, int triangleCount, float psahWeight, int maxDepth,
                         const float* pClipBox, PsahBuildNode** ppRoot) {
@@ -267,7 +260,7 @@ KelStatus growBuildTree(PsahBuildState* state, const float* pVertices, const int
     if (status != KEL_STS_OK) return status;
 
     auto* root = static_cast<PsahBuildNode*>(
-        takeFromChunks(state, &state->nodeChunks, 2 * sizeof(PsahBuildNode), &status));
+        takeTreeMemory(&state->work, kNodeChunks, 2 * sizeof(PsahBuildNode), &status));
     if (!root) return status;
     root->kind = kPsahLeaf;
     root->count = patchCount;
@@ -286,12 +279,12 @@ int32_t byteDistance(const void* from, const void* to) {
 // Adds the packed size of a subtree: 8 bytes per node and 4 per listed
 // triangle. The second child continues the loop so that only the first
 // children cost stack depth.
-static void localEstimateTotalCompactTreeSize(const PsahBuildNode* node, uint32_t* nodeBytes,
-                                              uint32_t* listBytes) {
+static void localEstimateTotalCompactTreeSize(const PsahBuildNode* node, uint64_t* nodeBytes,
+                                              uint64_t* listBytes) {
     for (;;) {
-        *nodeBytes += uint32_t(sizeof(KDTreeNode));
+        *nodeBytes += sizeof(KDTreeNode);
         if (node->kind == kPsahLeaf) {
-            *listBytes += 4 * uint32_t(node->count);
+            *listBytes += 4 * uint64_t(node->count);
             return;
         }
         localEstimateTotalCompactTreeSize(&node->children[0], nodeBytes, listBytes);
@@ -322,14 +315,15 @@ extern "C" {
 
 KEL_API KelStatus ownCompactTreeRepresentation(const PsahBuildNode* root, KDTreeNode** ppTree,
                                                int* pTreeSize) {
-    uint32_t nodeBytes = 16, listBytes = 0;
+    uint64_t nodeBytes = 16, listBytes = 0;
     if (root->kind == kPsahLeaf) {
-        listBytes = 4 * uint32_t(root->count);
+        listBytes = 4 * uint64_t(root->count);
     } else {
         localEstimateTotalCompactTreeSize(&root->children[0], &nodeBytes, &listBytes);
         localEstimateTotalCompactTreeSize(&root->children[1], &nodeBytes, &listBytes);
     }
-    const uint32_t size = nodeBytes + listBytes;
+    const uint64_t size = nodeBytes + listBytes;
+    if (size > kMaxTreeBytes) return KEL_STS_NO_MEM;
     auto* block = reinterpret_cast<KDTreeNode*>(kelsMalloc_64s(int(size / 8 + 1)));
     if (!block) return KEL_STS_NO_MEM;
     // The companion of the root keeps every child pair on a 16-byte step.
@@ -348,17 +342,30 @@ KEL_API KelStatus ownKDTBldPSAH_ML(const float* pVertices, const int* pTriangles
                                    int triangleCount, KDTreeNode** ppTree, int* pTreeSize,
                                    float psahWeight, int maxDepth, uint32_t budgetBytes,
                                    const float* pClipBox) {
-    const uint32_t need =
-        kVertexBytes * uint32_t(vertexCount) +
-        (kScratchBytesPerTriangle + kPatchBytesPerTriangle) * uint32_t(triangleCount) + kFixedNeed;
+    const uint64_t need =
+        kVertexBytes * uint64_t(vertexCount) +
+        (kScratchBytesPerTriangle + kPatchBytesPerTriangle) * uint64_t(triangleCount) + kFixedNeed;
     if (budgetBytes < need) return KEL_STS_NO_MEM;
-    PsahBuildState* state =
-        createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes);
-    if (!state) return KEL_STS_NO_MEM;
-
+    // The vertex store grows four times faster than the check above counts
+    // it, so a large mesh can pass the check with stores the budget does not
+    // cover. Such a build is refused like one below the fixed need, before
+    // anything is allocated: the remaining budget never goes below zero.
+    const StoreSizes sizes = storeSizes(vertexCount, triangleCount);
+    if (budgetBytes < sizes.total) return KEL_STS_NO_MEM;
+    // A build whose subtrees outgrew the budget on several threads is built
+    // again on one, which stops where the budget runs out.
+    KelStatus status = kRetryOnOneThread;
+    PsahBuildState* state = nullptr;
     PsahBuildNode* root = nullptr;
-    KelStatus status = growBuildTree(state, pVertices, pTriangles, vertexCount, triangleCount,
-                                     psahWeight, maxDepth, pClipBox, &root);
+    for (bool sequential = false; status == kRetryOnOneThread; sequential = true) {
+        if (state) releaseBuildState(state);
+        state =
+            createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes, sizes);
+        if (!state) return KEL_STS_NO_MEM;
+        state->sequential = sequential;
+        status = growBuildTree(state, pVertices, pTriangles, vertexCount, triangleCount, psahWeight,
+                               maxDepth, pClipBox, &root);
+    }
     if (status == KEL_STS_OK) {
         // Give the working memory back before the packed block is allocated,
         // so the build never holds both.

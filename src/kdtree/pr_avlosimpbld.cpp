@@ -13,7 +13,8 @@ constexpr int32_t kHeaderBytes = 16;
 
 extern "C" KEL_API KelStatus ownKDTBldSmpl_TL(int triangleCount, KDTreeNode** ppTree,
                                               int* pTreeSize) {
-    uint32_t size = uint32_t(triangleCount) * 4 + kHeaderBytes;
+    const uint64_t size = 4 * uint64_t(triangleCount) + kHeaderBytes;
+    if (size > kel::kMaxTreeBytes) return KEL_STS_NO_MEM;
     // One 8-byte unit more than the size covers, as every tree block has.
     int64_t* block = kelsMalloc_64s(int(size / 8 + 1));
     if (!block) return KEL_STS_NO_MEM;

@@ -37,6 +37,9 @@ inline float patchMax(const PsahPatch& p, int axis) {
 
 constexpr int kPsahLeaf = 3;
 
+// A tree block's size is reported as an int32, so no larger block is built.
+constexpr uint64_t kMaxTreeBytes = INT32_MAX;
+
 // Build-time node. Kind 0..2 is an inner node split on that axis, 3 a leaf
 // (also every node not yet processed). A child starts as a copy of its parent.
 struct PsahBuildNode {
@@ -62,127 +65,265 @@ struct SplitDecision {
     int32_t planarSide;  // 0: patches lying in the plane go left, 1: right
 };
 
-// A 16 MiB data area in a circular doubly linked list. The list head has the
-// same shape with null base, end and cursor, so it serves as a chunk without
-// room and the first request on a list always adds a chunk.
-struct PsahChunk {
-    PsahChunk* next;
-    PsahChunk* prev;
-    char* base;
-    char* end;
-    char* cursor;
-};
+// ---------------------------------------------------------------------------
+// The budget. It is spent as the single-threaded build always spent it, on
+// 16 MiB chunks for child pairs, leaf lists and vertex-pointer records and on
+// two fixed stores for patches and new points, so a build runs out of budget
+// exactly where that build did. The memory the build really uses is taken
+// apart from it, as the work needs it.
 
 constexpr uint32_t kChunkDataBytes = 0x1000000;
+// The bookkeeping records the budget is charged for, pointer-sized where
+// they hold pointers: the build state (51 words, two of them sizes) and one
+// per chunk (5 words).
+constexpr uint32_t kStateCharge = 2 * 4 + 49 * uint32_t(sizeof(void*));
+constexpr uint32_t kChunkRecordCharge = 5 * uint32_t(sizeof(void*));
 // What adding a chunk costs the budget: its data and its record.
-constexpr uint32_t kChunkCost = kChunkDataBytes + sizeof(PsahChunk);
+constexpr uint32_t kChunkCost = kChunkDataBytes + kChunkRecordCharge;
 
-// A stack-like area that never grows: the patch store and the vertex store.
-struct PsahPool {
-    char* base;
-    char* end;
+constexpr int kRecordSizeClasses = 10;  // vertex-pointer records of 0..9 pointers
+
+enum PsahChunkList { kNodeChunks, kIndexChunks, kRecordChunks, kChunkLists };
+
+// A store that never grows, charged whole up front: requests move a cursor
+// and fit only strictly below the end.
+struct PsahStoreAccount {
+    uint64_t end;
+    uint64_t cursor;
+};
+
+// What the single-threaded order decides: the budget, each chunk list's
+// newest chunk and the records given back for reuse.
+struct PsahLedger {
+    uint32_t budget;                           // bytes remaining
+    uint64_t room[kChunkLists];                // bytes left in each list's newest chunk
+    uint32_t freeRecords[kRecordSizeClasses];  // records given back, per size
+};
+
+// Takes bytes from the newest chunk of a list, adding a chunk while the budget
+// covers it. The test is strict, so a chunk's last bytes are never used, and
+// the first request on a list always adds a chunk. A request larger than a
+// whole chunk can never be met and spends the budget as surely as a full one.
+inline KelStatus chargeChunk(PsahLedger* ledger, PsahChunkList list, uint64_t bytes) {
+    if (bytes < ledger->room[list]) {
+        ledger->room[list] -= bytes;
+        return KEL_STS_OK;
+    }
+    if (ledger->budget < kChunkCost || bytes > kChunkDataBytes) return KEL_STS_OVERFLOW;
+    ledger->budget -= kChunkCost;
+    ledger->room[list] = kChunkDataBytes - bytes;
+    return KEL_STS_OK;
+}
+
+// A record of n pointers comes from those given back first.
+inline KelStatus chargeRecord(PsahLedger* ledger, int n) {
+    if (ledger->freeRecords[n] > 0) {
+        --ledger->freeRecords[n];
+        return KEL_STS_OK;
+    }
+    return chargeChunk(ledger, kRecordChunks, uint64_t(n) * sizeof(const float*));
+}
+
+inline void creditRecord(PsahLedger* ledger, int n) {
+    ++ledger->freeRecords[n];
+}
+
+// The stores' cursors depend only on the path from the root to a node (each
+// node starts from marks its parent leaves), so any line of work keeps them
+// itself and checks them at once.
+inline KelStatus chargeStore(PsahStoreAccount* store, uint64_t bytes) {
+    if (!(store->cursor + bytes < store->end)) return KEL_STS_OVERFLOW;
+    store->cursor += bytes;
+    return KEL_STS_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Real memory: blocks handed out in order and given back last in, first out,
+// or all at once.
+
+struct PsahArenaBlock;
+struct PsahArena {
+    PsahArenaBlock* top = nullptr;
+    char* cursor = nullptr;
+    PsahArenaBlock* spare = nullptr;  // the block given back last, kept for reuse
+};
+struct PsahArenaMark {
+    PsahArenaBlock* block;
     char* cursor;
 };
 
-constexpr int kScratchArrays = 12;      // four per axis: minima, maxima, planar, sort workspace
-constexpr int kRecordSizeClasses = 10;  // vertex-pointer records of 0..9 pointers
+// 4-byte aligned, and as aligned as the sizes taken before it within the
+// block (blocks start 16-byte aligned); null when a new block cannot be
+// allocated.
+void* arenaTake(PsahArena* arena, size_t bytes);
+inline PsahArenaMark arenaMark(const PsahArena& arena) {
+    return PsahArenaMark{arena.top, arena.cursor};
+}
+void arenaRewind(PsahArena* arena, PsahArenaMark mark);
+void arenaRelease(PsahArena* arena);
 
-struct PsahBuildState {
-    uint32_t totalBudget;  // bytes
-    uint32_t budget;       // bytes remaining
-    const float* vertexBegin;
-    const float* vertexEnd;
-    const float* vertexLimit;
-    const int32_t* triangleBegin;
-    const int32_t* triangleEnd;
-    const int32_t* triangleLimit;
-    PsahPool patchPool;
-    PsahPool vertexPool;  // points created by cutting, three floats each
-    float* scratch[kScratchArrays];
-    PsahChunk nodeChunks;   // child pairs
-    PsahChunk indexChunks;  // leaves' triangle-index lists
-    const float** freeRecords[kRecordSizeClasses];
-    PsahChunk recordChunks;  // vertex-pointer records
+// Scratch memory that grows to the largest request; growing keeps the
+// first `keep` bytes. Null when it cannot grow.
+struct PsahScratch {
+    void* data = nullptr;
+    size_t bytes = 0;
 };
-#if defined(__i386__)
-static_assert(sizeof(PsahBuildState) == 204, "51 words");
-static_assert(sizeof(PsahPatch) == 12 && sizeof(PsahBuildNode) == 12, "three words");
-#endif
+void* scratchOf(PsahScratch* scratch, size_t bytes);
+void* scratchGrow(PsahScratch* scratch, size_t bytes, size_t keep);
+void scratchRelease(PsahScratch* scratch);
 
-inline void initChunkList(PsahChunk* head) {
-    head->next = head;
-    head->prev = head;
-    head->base = head->end = head->cursor = nullptr;
-}
+// Vertex-pointer records: those given back first (a free record's first word
+// links it to the next of its size), else new ones.
+struct PsahRecordStore {
+    PsahArena arena;
+    const float** free[kRecordSizeClasses] = {};
+};
 
-// Takes bytes from the newest chunk of a list, adding a chunk while the budget
-// covers it. The test is strict, so a chunk's last bytes are never used.
-inline void* takeFromChunks(PsahBuildState* state, PsahChunk* head, uint32_t bytes,
-                            KelStatus* status) {
-    PsahChunk* tail = head->prev;
-    if (uintptr_t(tail->cursor) + bytes < uintptr_t(tail->end)) {
-        void* p = tail->cursor;
-        tail->cursor += bytes;
-        return p;
-    }
-    if (state->budget < kChunkCost) {
-        *status = KEL_STS_OVERFLOW;
-        return nullptr;
-    }
-    auto* chunk = reinterpret_cast<PsahChunk*>(kelsMalloc_32s(int((sizeof(PsahChunk) + 3) / 4)));
-    char* data = reinterpret_cast<char*>(kelsMalloc_32s(int(kChunkDataBytes / 4)));
-    chunk->base = data;
-    chunk->end = data + kChunkDataBytes;
-    chunk->cursor = data + bytes;
-    chunk->next = head;
-    chunk->prev = tail;
-    tail->next = chunk;
-    head->prev = chunk;
-    state->budget -= kChunkCost;
-    return data;
-}
-
-// Releases every chunk of a list (data area, then record) and empties it.
-inline void releaseChunks(PsahChunk* head) {
-    PsahChunk* chunk = head->next;
-    while (chunk != head) {
-        PsahChunk* next = chunk->next;
-        kelsFree(chunk->base);
-        kelsFree(chunk);
-        chunk = next;
-    }
-    initChunkList(head);
-}
-
-// Takes bytes from a pool; null unless cursor + bytes stays strictly below
-// the end.
-inline void* takeFromPool(PsahPool* pool, uint32_t bytes) {
-    if (!(uintptr_t(pool->cursor) + bytes < uintptr_t(pool->end))) return nullptr;
-    void* p = pool->cursor;
-    pool->cursor += bytes;
-    return p;
-}
-
-// A free record's first word links it to the next free record of its size.
 inline const float*** nextFreeRecord(const float** record) {
     return static_cast<const float***>(static_cast<void*>(record));
 }
 
-// A vertex-pointer record of n pointers: from the free list of its size
-// first, else from the record chunks.
-inline const float** takeVertexRecord(PsahBuildState* state, int n, KelStatus* status) {
-    const float** record = state->freeRecords[n];
-    if (record) {
-        state->freeRecords[n] = *nextFreeRecord(record);
-        return record;
-    }
-    return static_cast<const float**>(
-        takeFromChunks(state, &state->recordChunks, uint32_t(n * sizeof(const float*)), status));
+// A subtree's charges while it is built ahead of its turn: a byte stream
+// replayed against the ledger in the single-threaded order.
+struct PsahTrace {
+    PsahScratch bytes;
+    size_t size = 0;
+};
+
+// Where one line of work takes its memory and spends the budget: straight
+// from the ledger (the driver, a build on one thread) or into a trace.
+struct PsahWorkspace {
+    PsahLedger* ledger = nullptr;  // null: charges go to the trace
+    PsahTrace* trace = nullptr;
+    KelStatus failure = KEL_STS_OK;  // a trace that cannot grow
+    PsahStoreAccount patches = {};
+    PsahStoreAccount points = {};  // three floats per point made by cutting
+    PsahRecordStore* records = nullptr;
+    PsahArena* pointMemory = nullptr;
+    PsahArena* nodes = nullptr;  // child pairs
+    PsahArena* lists = nullptr;  // leaves' triangle numbers
+};
+
+// Appends a charge, or a subtree's trace, to the trace; a trace that cannot
+// grow fails the work. Reading takes the value after a code and moves on.
+void traceCharge(PsahWorkspace* work, uint8_t code, uint32_t value);
+void traceSubtree(PsahWorkspace* work, const PsahTrace* subtree);
+uint32_t traceWord(const uint8_t** p);
+const PsahTrace* traceSubtreeOf(const uint8_t** p);
+constexpr uint8_t kTraceChunk = 0x10;    // | list, then the bytes
+constexpr uint8_t kTraceTake = 0x20;     // | record size
+constexpr uint8_t kTraceGive = 0x30;     // | record size
+constexpr uint8_t kTraceFail = 0x40;     // then the status
+constexpr uint8_t kTraceSubtree = 0x50;  // then the subtree's trace, by address
+
+inline KelStatus workChargeChunk(PsahWorkspace* work, PsahChunkList list, uint64_t bytes) {
+    if (work->ledger) return chargeChunk(work->ledger, list, bytes);
+    // Larger requests are refused in any order; the trace keeps 32 bits.
+    if (bytes > kChunkDataBytes) bytes = uint64_t(kChunkDataBytes) + 1;
+    traceCharge(work, kTraceChunk | list, uint32_t(bytes));
+    return work->failure;
 }
 
-inline void releaseVertexRecord(PsahBuildState* state, const float** record, int n) {
-    *nextFreeRecord(record) = state->freeRecords[n];
-    state->freeRecords[n] = record;
+inline KelStatus workChargeRecord(PsahWorkspace* work, int n) {
+    if (work->ledger) return chargeRecord(work->ledger, n);
+    traceCharge(work, kTraceTake | uint8_t(n), 0);
+    return work->failure;
+}
+
+inline void workCreditRecord(PsahWorkspace* work, int n) {
+    if (work->ledger)
+        creditRecord(work->ledger, n);
+    else
+        traceCharge(work, kTraceGive | uint8_t(n), 0);
+}
+
+// Records and tree memory of one thread of the optimisation's team.
+struct PsahThreadStores {
+    PsahRecordStore records;
+    PsahArena nodes;
+    PsahArena lists;
+};
+
+// What the optimisation returns when subtrees built on several threads took
+// more tree memory than the budget can pay for: the build then runs out of
+// budget somewhere, and it is built again on one thread to find where.
+constexpr KelStatus kRetryOnOneThread = KelStatus(1);
+
+struct PsahBuildState {
+    uint32_t totalBudget;  // bytes
+    const float* vertexBegin;
+    const float* vertexEnd;
+    const int32_t* triangleBegin;
+    const int32_t* triangleEnd;
+    PsahLedger ledger;
+    PsahPatch* rootPatches;  // room for one patch per triangle
+    PsahRecordStore records;
+    PsahArena points;  // made by clipping and cutting, three floats each
+    PsahArena nodes;
+    PsahArena lists;
+    PsahWorkspace work;  // the driver's: charged at once, in the stores above
+    // The optimisation's threads' own records and tree memory, when it
+    // builds subtrees on several threads.
+    PsahThreadStores* threads;
+    int threadCount;
+    bool sequential;  // build on one thread, charging the ledger at once
+};
+#if defined(__i386__)
+static_assert(kStateCharge == 204 && kChunkRecordCharge == 20, "51 and 5 words");
+static_assert(sizeof(PsahPatch) == 12 && sizeof(PsahBuildNode) == 12, "three words");
+#endif
+
+// The stores of the optimisation's threads, with the tree memory in them.
+inline void releaseThreadStores(PsahBuildState* state) {
+    for (int i = 0; i < state->threadCount; ++i) {
+        arenaRelease(&state->threads[i].records.arena);
+        arenaRelease(&state->threads[i].nodes);
+        arenaRelease(&state->threads[i].lists);
+    }
+    kelsFree(state->threads);
+    state->threads = nullptr;
+    state->threadCount = 0;
+}
+
+// A vertex-pointer record of n pointers, charged and taken.
+inline const float** takeVertexRecord(PsahWorkspace* work, int n, KelStatus* status) {
+    *status = workChargeRecord(work, n);
+    if (*status != KEL_STS_OK) return nullptr;
+    PsahRecordStore* store = work->records;
+    const float** record = store->free[n];
+    if (record) {
+        store->free[n] = *nextFreeRecord(record);
+        return record;
+    }
+    record = static_cast<const float**>(arenaTake(&store->arena, size_t(n) * sizeof(*record)));
+    if (!record) *status = KEL_STS_NO_MEM;
+    return record;
+}
+
+inline void releaseVertexRecord(PsahWorkspace* work, const float** record, int n) {
+    workCreditRecord(work, n);
+    *nextFreeRecord(record) = work->records->free[n];
+    work->records->free[n] = record;
+}
+
+// Room for a new point, charged to the point store.
+inline float* takePoint(PsahWorkspace* work, KelStatus* status) {
+    *status = chargeStore(&work->points, 3 * sizeof(float));
+    if (*status != KEL_STS_OK) return nullptr;
+    auto* point = static_cast<float*>(arenaTake(work->pointMemory, 3 * sizeof(float)));
+    if (!point) *status = KEL_STS_NO_MEM;
+    return point;
+}
+
+// Room for a pair of child nodes or a leaf's n triangle numbers, charged to
+// their chunk list.
+inline void* takeTreeMemory(PsahWorkspace* work, PsahChunkList list, uint64_t bytes,
+                            KelStatus* status) {
+    *status = workChargeChunk(work, list, bytes);
+    if (*status != KEL_STS_OK) return nullptr;
+    void* p = arenaTake(list == kNodeChunks ? work->nodes : work->lists, size_t(bytes));
+    if (!p) *status = KEL_STS_NO_MEM;
+    return p;
 }
 
 // The point where the edge from `from` to `to` meets an axis plane. The other

@@ -98,13 +98,26 @@ TEST_F(Allocator, RequestsTheElementsPlusRoomToAlign) {
         kelsFree(a);
         kelsFree(b);
     }
-    // The byte count is 32-bit arithmetic without an overflow check on both
-    // targets: 2^30 elements of 4 bytes wrap to nothing.
-    log.requests.clear();
+}
+
+// A byte count that fits a size_t is asked for exactly; one that does not
+// (only on a 32-bit target) is refused without calling the hook, instead of
+// wrapping to a small block the caller would overrun.
+TEST_F(Allocator, RefusesByteCountsThatDoNotFitASizeT) {
+    const uint64_t overhead = 32 + sizeof(void*);
     log.failNext = true;
-    EXPECT_EQ(kelsMalloc_32s(0x40000000), nullptr);
-    ASSERT_EQ(log.requests.size(), 1u);
-    EXPECT_EQ(log.requests[0], overhead);
+    for (int len : {0x1FFFFFFB, 0x1FFFFFFC, 0x3FFFFFF6, 0x3FFFFFF7, 0x3FFFFFF8, INT32_MAX})
+        for (uint64_t unit : {4u, 8u}) {
+            log.requests.clear();
+            void* block = unit == 4 ? static_cast<void*>(kelsMalloc_32s(len))
+                                    : static_cast<void*>(kelsMalloc_64s(len));
+            EXPECT_EQ(block, nullptr);
+            const uint64_t bytes = unit * uint64_t(len) + overhead;
+            if (bytes <= SIZE_MAX)
+                EXPECT_EQ(log.requests, std::vector<size_t>{size_t(bytes)}) << len << " x " << unit;
+            else
+                EXPECT_TRUE(log.requests.empty()) << len << " x " << unit;
+        }
 }
 
 TEST_F(Allocator, AlignsEveryRawAddressAndKeepsItJustBefore) {

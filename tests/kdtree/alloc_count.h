@@ -1,5 +1,6 @@
 // Allocation hooks that count what the library takes and gives back, for the
-// leak tests and for the build benchmark's peak memory. Every block carries
+// leak tests and for the build benchmark's peak memory, and that can refuse
+// one chosen allocation for the fault-injection tests. Every block carries
 // its size in a 16-byte prefix, so a release knows how much it returns.
 #ifndef KEL_TEST_ALLOC_COUNT_H
 #define KEL_TEST_ALLOC_COUNT_H
@@ -16,7 +17,7 @@ namespace kelt {
 class AllocationCount {
   public:
     AllocationCount() : malloc_(i_malloc), free_(i_free) {
-        blocks_ = bytes_ = peak_ = 0;
+        blocks_ = bytes_ = peak_ = calls_ = failAt_ = 0;
         i_malloc = &countedMalloc;
         i_free = &countedFree;
     }
@@ -26,11 +27,19 @@ class AllocationCount {
 
     long long liveBlocks() const { return blocks_; }
     long long peakBytes() const { return peak_; }
+    long long allocations() const { return calls_; }  // refused ones included
+
+    // The n-th allocation from now on (1: the next one) returns null.
+    void refuseAllocation(long long n) {
+        calls_ = 0;
+        failAt_ = n;
+    }
 
   private:
     static constexpr size_t kPrefix = 16;
-    static inline std::atomic<long long> blocks_{0}, bytes_{0}, peak_{0};
+    static inline std::atomic<long long> blocks_{0}, bytes_{0}, peak_{0}, calls_{0}, failAt_{0};
     static void* countedMalloc(size_t size) {
+        if (++calls_ == failAt_) return nullptr;
         auto* raw = static_cast<char*>(std::malloc(size + kPrefix));
         if (!raw) return nullptr;
         *reinterpret_cast<size_t*>(raw) = size;

@@ -53,10 +53,10 @@ struct Built {
     uint64_t hash;
 };
 
-Built build(const kelt::Mesh& mesh, int maxDepth, float weight, const float* clipBox) {
-    const KDTreeBuildContext context = {
-        KDT_BUILD_PSAH, maxDepth, weight,
-        kelt::psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount()), clipBox};
+Built build(const kelt::Mesh& mesh, int maxDepth, float weight, const float* clipBox,
+            uint32_t budgetMiB = 0) {
+    if (budgetMiB == 0) budgetMiB = kelt::psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount());
+    const KDTreeBuildContext context = {KDT_BUILD_PSAH, maxDepth, weight, budgetMiB, clipBox};
     KDTreeNode* tree = nullptr;
     Built b = {KEL_STS_OK, 0, 0};
     b.status = kelrKDTreeBuildAlloc(&tree, mesh.vertices.data(), mesh.triangles.data(),
@@ -109,6 +109,53 @@ TEST(PsahTreeHash, ThreadCountDoesNotChangeTheTree) {
         omp_set_num_threads(n);
         const Built b = build(mesh, pin->maxDepth, pin->weight, nullptr);
         EXPECT_EQ(pin->hash, b.hash) << n << " threads";
+    }
+    omp_set_num_threads(threads);
+    // Called from the caller's own threads, two builds at once.
+    Built built[2];
+#pragma omp parallel for num_threads(2)
+    for (int k = 0; k < 2; ++k) built[k] = build(mesh, pin->maxDepth, pin->weight, nullptr);
+    for (const Built& b : built) EXPECT_EQ(pin->hash, b.hash) << "inside a parallel region";
+}
+
+// Budgets pinned at their boundaries, in MiB: the smallest one the up-front
+// check admits (one less is -4) and the smallest one that builds the tree
+// (one less runs out half-way, -9). However the work is scheduled, a build
+// must run out of budget exactly where the single-threaded one did.
+TEST(PsahTreeHash, BudgetBoundariesStayWhereTheyWere) {
+    const struct {
+        const char* mesh;
+        int maxDepth;
+        float weight;
+        bool clipped;
+        uint32_t admitted, builds;
+    } kBoundaries[] = {
+        {"teapot", 50, 0.5f, false, 33, 81},
+        {"fandisk", 20, 0.0f, true, 34, 81},
+        {"spot", 50, 1.0f, true, 33, 81},
+#if defined(__i386__)
+        {"stanford-bunny", 50, 1.0f, false, 38, 84},
+#else
+        {"stanford-bunny", 50, 1.0f, false, 39, 84},  // larger records: one MiB more up front
+#endif
+    };
+    kelt::Mesh mesh;
+    const int threads = omp_get_max_threads();
+    for (const auto& b : kBoundaries) {
+        if (!loadMesh(b.mesh, &mesh)) GTEST_SKIP() << "shared meshes absent (../shared)";
+        float box[6];
+        middleBox(mesh, box);
+        const float* clip = b.clipped ? box : nullptr;
+        for (int n : {1, 2}) {
+            omp_set_num_threads(n);
+            SCOPED_TRACE(testing::Message() << b.mesh << ", " << n << " threads");
+            EXPECT_EQ(KEL_STS_NO_MEM,
+                      build(mesh, b.maxDepth, b.weight, clip, b.admitted - 1).status);
+            EXPECT_EQ(KEL_STS_OVERFLOW, build(mesh, b.maxDepth, b.weight, clip, b.admitted).status);
+            EXPECT_EQ(KEL_STS_OVERFLOW,
+                      build(mesh, b.maxDepth, b.weight, clip, b.builds - 1).status);
+            EXPECT_EQ(KEL_STS_OK, build(mesh, b.maxDepth, b.weight, clip, b.builds).status);
+        }
     }
     omp_set_num_threads(threads);
 }

@@ -195,4 +195,49 @@ TEST_F(BuildEntry, SimpleBuildReadsTwoContextWordsAndMayRunOutOfMemory) {
     EXPECT_TRUE(tree == kUntouched && size == -77 && g_log.frees.empty());
 }
 
+// Sizes that do not fit are refused before anything is written. The simple
+// tree's size is an int32: 4 x 0x1FFFFFFB + 16 still fits and is asked for,
+// one more triangle does not (it wrapped to a 16-byte block once). A PSAH leaf
+// list fills a 16 MiB chunk at most: 4,194,304 copies of one triangle in one
+// leaf build, one more is -9 instead of a list written past the chunk.
+TEST_F(BuildEntry, SizesThatDoNotFitAreRefused) {
+    const KDTreeBuildContext context = simple();
+    const size_t overhead = 32 + sizeof(void*);
+    g_log.fail = true;
+    for (int count : {0x1FFFFFFB, 0x1FFFFFFC, 0x40000000, INT32_MAX}) {
+        g_log.requests.clear();
+        tree = kUntouched;
+        ASSERT_EQ(build(&context, count), KEL_STS_NO_MEM);
+        EXPECT_EQ(tree, kUntouched);
+        const uint64_t size = 4 * uint64_t(count) + 16;
+        EXPECT_EQ(g_log.requests, size <= INT32_MAX
+                                      ? std::vector<size_t>{size_t(size / 8 + 1) * 8 + overhead}
+                                      : std::vector<size_t>{})
+            << count;
+    }
+    g_log.fail = false;
+
+    kelt::Mesh mesh;
+    for (int c = 0; c < 9; ++c) mesh.vertices.push_back(vertices[c]);
+    for (int count : {4194304, 4194305}) {
+        mesh.triangles.resize(4 * size_t(count), 0);
+        for (int n = 0; n < count; ++n)
+            mesh.triangles[4 * n + 1] = 1, mesh.triangles[4 * n + 2] = 2;
+        const KDTreeBuildContext oneLeaf = psah(0, 0.5f, kelt::psahBudgetMiB(3, count));
+        const KelStatus status =
+            build(&oneLeaf, count, 3, mesh.vertices.data(), mesh.triangles.data());
+        if (count == 4194305) {
+            EXPECT_EQ(status, KEL_STS_OVERFLOW);
+            EXPECT_TRUE(tree == kUntouched && size == -77);
+            continue;
+        }
+        ASSERT_EQ(status, KEL_STS_OK);
+        const std::vector<int32_t> expected = kelt::oneLeafTree(count);
+        ASSERT_EQ(size, 4 * int(expected.size()));
+        EXPECT_EQ(0, memcmp(tree, expected.data(), size_t(size)));
+        kelrKDTreeFree(tree);
+    }
+    EXPECT_EQ(g_log.frees.size(), g_log.requests.size());
+}
+
 }  // namespace

@@ -33,44 +33,44 @@ struct Tree {
     std::vector<std::vector<int>> leaves;
 };
 
-// A build state as the driver leaves it: the root's patches at the start of
-// the patch pool, every record from the state's chunk lists.
+// A build state as the driver leaves it: the root's patches charged to the
+// patch store, every record to the record chunks.
 class PsahOpt : public ::testing::Test {
   protected:
     void TearDown() override { release(); }
 
     void release() {
         if (built) {
-            for (PsahChunk* c : {&state.nodeChunks, &state.indexChunks, &state.recordChunks})
-                releaseChunks(c);
-            for (void* p : {(void*)state.patchPool.base, (void*)state.vertexPool.base}) kelsFree(p);
-            for (float* s : state.scratch) kelsFree(s);
+            for (PsahArena* a : {&state.records.arena, &state.points, &state.nodes, &state.lists})
+                arenaRelease(a);
+            kelsFree(state.rootPatches);
+            releaseThreadStores(&state);
             built = false;
         }
         EXPECT_EQ(count.liveBlocks(), 0) << "leaked blocks";
     }
 
-    static PsahPool pool(size_t bytes) {
-        char* base = reinterpret_cast<char*>(kelsMalloc_32s(int(bytes / 4)));
-        return PsahPool{base, base + bytes, base};
-    }
-
     // Patch i is triangle numbers[i] (i by default); the box is the bounds.
+    // The point store holds one point less than asked for: the strict test
+    // leaves its last entry unused.
     void prepare(const std::vector<Tri>& tris, std::vector<int> numbers = {},
-                 size_t vertexPoolPoints = 1 << 16) {
+                 size_t pointStorePoints = 1 << 16) {
         release();
         const int n = int(tris.size());
         mesh = tris;
-        state = PsahBuildState{};
-        state.budget = state.totalBudget = 0xFFFFFFFFu;
-        state.patchPool = pool(size_t(64 * n + 4096) * sizeof(PsahPatch));
-        state.vertexPool = pool(vertexPoolPoints * 12);
-        for (float*& s : state.scratch) s = reinterpret_cast<float*>(kelsMalloc_32s(n));
-        for (PsahChunk* c : {&state.nodeChunks, &state.indexChunks, &state.recordChunks})
-            initChunkList(c);
+        state = PsahBuildState();
+        state.totalBudget = state.ledger.budget = 0xFFFFFFFFu;
+        PsahWorkspace& work = state.work;
+        work.ledger = &state.ledger;
+        work.patches = {size_t(64 * n + 4096) * sizeof(PsahPatch), n * sizeof(PsahPatch)};
+        work.points = {pointStorePoints * 12, 0};
+        work.records = &state.records;
+        work.pointMemory = &state.points;
+        work.nodes = &state.nodes;
+        work.lists = &state.lists;
+        state.rootPatches = reinterpret_cast<PsahPatch*>(kelsMalloc_64s(2 * n));
         built = true;
-        auto* patches =
-            static_cast<PsahPatch*>(takeFromPool(&state.patchPool, n * sizeof(PsahPatch)));
+        PsahPatch* patches = state.rootPatches;
         for (int k = 0; k < 9 * n; ++k) {
             const float c = mesh[k / 9].v[k % 9 / 3][k % 3];
             box[k % 3] = k < 3 ? c : std::min(box[k % 3], c);
@@ -78,7 +78,7 @@ class PsahOpt : public ::testing::Test {
         }
         for (int i = 0; i < n; ++i) {
             KelStatus st = KEL_STS_OK;
-            const float** record = takeVertexRecord(&state, 3, &st);
+            const float** record = takeVertexRecord(&state.work, 3, &st);
             for (int k = 0; k < 3; ++k) record[k] = mesh[i].v[k];
             const uint32_t number = numbers.empty() ? i : numbers[i];
             patches[i] = PsahPatch{number << 5 | 3, extremeVertexMask(record, 3), record};
@@ -116,7 +116,7 @@ class PsahOpt : public ::testing::Test {
     template <typename Pred>
     int freeRecords(int size, Pred pred) const {
         int n = 0;
-        for (const float** r = state.freeRecords[size]; r; r = *nextFreeRecord(r)) n += pred(r);
+        for (const float** r = state.records.free[size]; r; r = *nextFreeRecord(r)) n += pred(r);
         return n;
     }
 
@@ -226,7 +226,7 @@ TEST_F(PsahOpt, MaxDepthZeroGivesOneLeafInPatchOrder) {
     prepare(soup(40, 1), numbers);
     ASSERT_EQ(run(1.0f, 0), KEL_STS_OK);
     EXPECT_EQ(tree().leaves, std::vector<std::vector<int>>{numbers});
-    EXPECT_NE(state.freeRecords[3], nullptr) << "leaf records go back to the free list";
+    EXPECT_NE(state.records.free[3], nullptr) << "leaf records go back to the free list";
 }
 
 TEST_F(PsahOpt, SmallAndWideNodesChooseTheBruteForceSplit) {
@@ -360,13 +360,13 @@ TEST_F(PsahOpt, StraddlingPatchIsCutIntoTwoPieces) {
     const float** cutRecord = root.patches[0].vertices;
     expectSplit(1, 0, 1.0f);
     EXPECT_EQ(tree().leaves, (std::vector<std::vector<int>>{{0, 1, 3}, {0, 2, 4}}));
-    const float* x1 = reinterpret_cast<float*>(state.vertexPool.base);
-    const float* x2 = x1 + 3;
-    EXPECT_EQ(std::vector<float>(x1, x1 + 6), (std::vector<float>{1, 0, 0, 1, 1, 0}));
-    const float** left = state.freeRecords[4];  // (0,0,0), X1, X2, (0,2,0)
+    const float** left = state.records.free[4];  // (0,0,0), X1, X2, (0,2,0)
     ASSERT_NE(left, nullptr);
     EXPECT_EQ(*nextFreeRecord(left), nullptr) << "the only four-vertex record";
-    EXPECT_TRUE(left[1] == x1 && left[2] == x2 && left[3] == mesh[0].v[2]);
+    const float *x1 = left[1], *x2 = left[2];
+    EXPECT_EQ((std::vector<float>{x1[0], x1[1], x1[2], x2[0], x2[1], x2[2]}),
+              (std::vector<float>{1, 0, 0, 1, 1, 0}));
+    EXPECT_EQ(left[3], mesh[0].v[2]);
     // The right piece X1, (2,0,0), X2, and the cut patch's own record.
     EXPECT_EQ(freeRecords(3, [&](const float** r) { return r[1] == mesh[0].v[1] && r[2] == x2; }),
               1);
@@ -378,16 +378,15 @@ TEST_F(PsahOpt, StraddlingPatchIsCutIntoTwoPieces) {
     tris[0] = tri(0, 0, 0, 2, 0, 0, 1, 2, 0);
     prepare(tris, {}, 2);
     expectSplit(1, 0, 1.0f);
-    EXPECT_EQ(state.vertexPool.cursor, state.vertexPool.base + 12);
     EXPECT_EQ(freeRecords(3, [&](const float** r) { return r[2] == mesh[0].v[2]; }), 3);
 }
 
-TEST_F(PsahOpt, ExhaustedBudgetOrPatchPoolReportsOverflow) {
+TEST_F(PsahOpt, ExhaustedBudgetOrPatchStoreReportsOverflow) {
     prepare(soup(30, 3));
-    state.budget = kChunkCost - 1;
+    state.ledger.budget = kChunkCost - 1;
     EXPECT_EQ(run(1.0f, 0), KEL_STS_OVERFLOW);
     prepare(soup(30, 3));
-    state.patchPool.end = state.patchPool.cursor + 4 * sizeof(PsahPatch);
+    state.work.patches.end = state.work.patches.cursor + 4 * sizeof(PsahPatch);
     EXPECT_EQ(run(1.0f, 20), KEL_STS_OVERFLOW);
 }
 

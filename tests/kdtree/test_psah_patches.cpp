@@ -58,7 +58,7 @@ extern "C" KelStatus ownOptimizationPSAH(kel::PsahBuildState* state, kel::PsahBu
     // Hold an index list either way, so a failure leaves chunks to release.
     KelStatus status = KEL_STS_OK;
     auto* list = static_cast<int32_t*>(
-        kel::takeFromChunks(state, &state->indexChunks, uint32_t(4 * root->count), &status));
+        kel::takeTreeMemory(&state->work, kel::kIndexChunks, uint32_t(4 * root->count), &status));
     if (!list) return status;
     if (probe.answer != KEL_STS_OK) return probe.answer;
     for (int k = 0; k < root->count; ++k) list[k] = kel::patchTriangle(root->patches[k]);
@@ -212,8 +212,7 @@ TEST(PsahPatches, BudgetRefusalAndEveryFailureReleaseEverything) {
     const kelt::Mesh mesh = meshOf({0, 0, 0, 1, 0, 0, 0, 1, 0});
     // The budget below which a build is refused, from the real record sizes.
     const uint32_t need = 12 * 3 + 48 + 3 * uint32_t(sizeof(kel::PsahPatch)) + (32u << 20) +
-                          uint32_t(sizeof(kel::PsahBuildState)) +
-                          2 * uint32_t(sizeof(kel::PsahChunk));
+                          kel::kStateCharge + 2 * kel::kChunkRecordCharge;
 #if defined(__i386__)
     EXPECT_EQ(12u * 3 + 84 + 0x20000F4u, need);
 #endif

@@ -27,7 +27,7 @@ TEST(Options, AcceptTheDocumentedForms) {
     std::string error;
     ASSERT_TRUE(parse(
         {"--size", "320x200", "--bounces", "0", "--builder", "simple", "--eye", "1,2.5,-3", "--fov",
-         "60", "--normals", "flat", "--memory", "200", "--out", "a/b.png", "--quiet"},
+         "60", "--normals", "flat", "--memory", "200", "--out", "a/b.PNG", "--quiet", "--version"},
         &o, &error))
         << error;
     EXPECT_EQ(o.render.width, 320);
@@ -39,8 +39,9 @@ TEST(Options, AcceptTheDocumentedForms) {
     ASSERT_TRUE(o.eye.has_value());
     EXPECT_EQ((*o.eye)[1], 2.5f);
     EXPECT_EQ(*o.fov, 60.0f);
-    EXPECT_EQ(o.out, "a/b.png");
+    EXPECT_EQ(o.out, "a/b.PNG");
     EXPECT_TRUE(o.quiet);
+    EXPECT_TRUE(o.version);
 
     Options square;
     ASSERT_TRUE(parse({"--size", "256"}, &square, &error));
@@ -59,7 +60,8 @@ TEST(Options, RejectUnknownMissingAndAbsurdValues) {
         {"--eye", "1,2,3,4"},      {"--fov", "180"},
         {"--fov", "nan"},          {"--memory", "31"},
         {"--memory", "4096"},      {"--weight", "1.5"},
-        {"--max-depth", "51"},     {"stray"}};
+        {"--max-depth", "51"},     {"stray"},
+        {"--out", "picture.jpg"},  {"--out", "png"}};
     for (const auto& args : bad) {
         Options o;
         std::string error;
@@ -94,6 +96,18 @@ TEST(ObjLoader, ReadsFacesAndKeepsOrComputesNormals) {
     EXPECT_EQ(withNormals.vertexCount(), 6);
     EXPECT_FLOAT_EQ(withNormals.vertexNormals[2], 1.0f);
     EXPECT_FLOAT_EQ(withNormals.vertexNormals[3 * 3 + 2], -1.0f);
+
+    // Corners written twice (as along the patch borders of a teapot) are
+    // welded, so the normals computed from the faces are smooth across the
+    // shared edge: the two triangles of this fold share its two corners.
+    Mesh folded;
+    ASSERT_TRUE(parseObjText("v 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 0 0\nv 0 1 0\nv 1 1 1\n"
+                             "f 1 2 3\nf 4 6 5\n",
+                             &folded, &error))
+        << error;
+    EXPECT_EQ(folded.vertexCount(), 4);
+    EXPECT_EQ(folded.triangles[1], folded.triangles[4]);
+    EXPECT_EQ(folded.triangles[2], folded.triangles[6]);
 }
 
 TEST(ObjLoader, ExplainsBrokenInput) {
@@ -103,12 +117,15 @@ TEST(ObjLoader, ExplainsBrokenInput) {
     EXPECT_NE(error.find("cannot open"), std::string::npos) << error;
 
     const char* broken[] = {
-        "",                                          // nothing at all
-        "\x89PNG\r\n\x1a\n binary junk \x01\x02",    // not OBJ
-        "v 0 0 0\nv 1 0 0\nv 0 1 0\n",               // vertices but no face
-        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 7\n",      // index past the end
-        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf -1 -2 -9\n",   // relative index before the start
-        "v 0 0 0\nv 1 1e999 0\nv 0 1 0\nf 1 2 3\n",  // overflows to infinity
+        "",                                           // nothing at all
+        "\x89PNG\r\n\x1a\n binary junk \x01\x02",     // not OBJ
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\n",                // vertices but no face
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 7\n",       // index past the end
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf -1 -2 -9\n",    // relative index before the start
+        "v 0 0 0\nv 1 1e999 0\nv 0 1 0\nf 1 2 3\n",   // overflows to infinity
+        "v 0 0 0\nv 1 nan 0\nv 0 1 0\nf 1 2 3\n",     // read as 0 by the reader itself
+        "v 0 0 0\nv 1 0\n",                           // cut off in a vertex
+        "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\nf 1 2",  // cut off in a face
     };
     for (const char* text : broken) {
         error.clear();
