@@ -364,8 +364,8 @@ KelStatus traceEyeRays(const float origin[3], const float* const direction[3],
         packet::narrowToSlab(tiny, lo / r[a], hi / r[a], &entry, &exit);
         // A lane whose direction is not a number or infinite hits nothing
         // (its t is 0 or NaN), and must not wipe out the other lanes' largest
-        // components or widen their error bounds to infinity, which would
-        // sieve out every record.
+        // components, nor widen their error bounds to infinity, which would
+        // pass every record to the slow exact tests.
         float largestComponent = 0.0f;
         for (int lane = 0; lane < N; ++lane) {
             const float component = magnitude(rays.laneDirection[a][lane]);
