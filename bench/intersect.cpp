@@ -2,7 +2,10 @@
 // shadow rays from the light to the eye-ray hits, and mirror rays from those
 // hits. Rays are traced in 16 x 16 tiles with 16-byte-aligned planes, once
 // through the scalar workers and once through the entry points (which pick
-// the four-ray path for such tiles), on one thread and on all cores.
+// the packet path for such tiles), on one thread and on all cores. When the
+// benchmarks found Embree 3, its single-ray queries trace the same rays in
+// the same run, on its SSE2 device and on its native one, and the table
+// gives our packets' speed relative to each.
 //
 // Usage: intersect [scene ...]   (default: every workload scene)
 #include <omp.h>
@@ -12,11 +15,15 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "../tests/intersect/packed_tree.h"
+#include "embree_scene.h"
 #include "intersect/printersect.h"
 #include "kelr.h"
 #include "workload.h"
@@ -26,7 +33,8 @@ namespace {
 constexpr int kTileSide = 16;
 constexpr int kTileRays = kTileSide * kTileSide;
 constexpr float kNoLimit = 3.4028235e38f;
-constexpr int kTimedRuns = 3;
+// Tracers 0 and 1 are always the library's scalar workers and its packets.
+constexpr size_t kScalar = 0, kPackets = 1;
 
 double seconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
@@ -135,58 +143,131 @@ void buildTree(Scene* s) {
         int(status), 1e3 * (seconds() - t0));
 }
 
-enum class Path { Scalar, Dispatch };
 enum class Kind { Eye, Shadow, Mirror };
 
-// Traces one tile of a block with one query.
-KelStatus traceTile(const Scene& s, Kind kind, Path path, RayBlock& r, int tile) {
-    const size_t at = size_t(tile) * kTileRays;
-    const float* dir[3] = {r.dir[0].get(at), r.dir[1].get(at), r.dir[2].get(at)};
-    float* hit[2] = {r.u.get(at), r.v.get(at)};
-    const IntersectContext ctx = s.context();
-    const float* eye = s.workload.camera.eye;
-    const float* light = s.workload.light;
-    if (kind == Kind::Shadow) {
+// Traces one tile of a block with one query; false when the call failed.
+using TileTracer = std::function<bool(const Scene&, Kind, RayBlock&, int tile)>;
+
+// Rays of tile `tile` as the library's queries take them.
+struct TileRays {
+    TileRays(RayBlock& r, int tile)
+        : at(size_t(tile) * kTileRays),
+          dir{r.dir[0].get(at), r.dir[1].get(at), r.dir[2].get(at)},
+          origin{r.origin[0].get(at), r.origin[1].get(at), r.origin[2].get(at)},
+          hit{r.u.get(at), r.v.get(at)} {}
+    size_t at;
+    const float* dir[3];
+    const float* origin[3];
+    float* hit[2];
+};
+
+// Rays that come back into a block on every run start from the entry values.
+void resetTile(Kind kind, RayBlock& r, size_t at) {
+    if (kind == Kind::Shadow)
         std::copy(r.maskIn.get(at), r.maskIn.get(at + kTileRays), r.mask.get(at));
-        return path == Path::Scalar
-                   ? ownIntersectAnyBlock(light, dir, s.accel.data(), s.tree, r.id.get(at),
-                                          r.mask.get(at), kTileSide, kTileSide)
-                   : kelrIntersectAnySO_32f(light, dir, r.id.get(at), r.mask.get(at), kTileSide,
-                                            kTileSide, &ctx);
-    }
-    std::copy(r.limit.get(at), r.limit.get(at + kTileRays), r.distance.get(at));
-    if (kind == Kind::Eye)
-        return path == Path::Scalar
-                   ? ownIntersectEyeBlock(eye, dir, s.box, s.accel.data(), s.tree,
-                                          r.distance.get(at), hit, r.id.get(at), kTileSide,
-                                          kTileSide)
-                   : kelrIntersectEyeSO_32f(eye, dir, r.distance.get(at), hit, r.id.get(at), &ctx,
-                                            kTileSide, kTileSide);
-    const float* origin[3] = {r.origin[0].get(at), r.origin[1].get(at), r.origin[2].get(at)};
-    return path == Path::Scalar
-               ? ownIntersectBlock(origin, dir, s.box, s.accel.data(), s.tree, r.distance.get(at),
-                                   hit, r.id.get(at), kTileSide, kTileSide)
-               : kelrIntersectMO_32f(origin, dir, r.distance.get(at), hit, r.id.get(at), &ctx,
-                                     kTileSide, kTileSide);
+    else
+        std::copy(r.limit.get(at), r.limit.get(at + kTileRays), r.distance.get(at));
 }
 
+// The scalar workers.
+bool scalarTile(const Scene& s, Kind kind, RayBlock& r, int tile) {
+    TileRays t(r, tile);
+    resetTile(kind, r, t.at);
+    const float* eye = s.workload.camera.eye;
+    switch (kind) {
+        case Kind::Eye:
+            return ownIntersectEyeBlock(eye, t.dir, s.box, s.accel.data(), s.tree,
+                                        r.distance.get(t.at), t.hit, r.id.get(t.at), kTileSide,
+                                        kTileSide) == KEL_STS_OK;
+        case Kind::Shadow:
+            return ownIntersectAnyBlock(s.workload.light, t.dir, s.accel.data(), s.tree,
+                                        r.id.get(t.at), r.mask.get(t.at), kTileSide,
+                                        kTileSide) == KEL_STS_OK;
+        case Kind::Mirror:
+            return ownIntersectBlock(t.origin, t.dir, s.box, s.accel.data(), s.tree,
+                                     r.distance.get(t.at), t.hit, r.id.get(t.at), kTileSide,
+                                     kTileSide) == KEL_STS_OK;
+    }
+    return false;
+}
+
+// The entry points, which take the packet path for these tiles.
+bool packetTile(const Scene& s, Kind kind, RayBlock& r, int tile) {
+    TileRays t(r, tile);
+    resetTile(kind, r, t.at);
+    const IntersectContext ctx = s.context();
+    switch (kind) {
+        case Kind::Eye:
+            return kelrIntersectEyeSO_32f(s.workload.camera.eye, t.dir, r.distance.get(t.at), t.hit,
+                                          r.id.get(t.at), &ctx, kTileSide, kTileSide) == KEL_STS_OK;
+        case Kind::Shadow:
+            return kelrIntersectAnySO_32f(s.workload.light, t.dir, r.id.get(t.at), r.mask.get(t.at),
+                                          kTileSide, kTileSide, &ctx) == KEL_STS_OK;
+        case Kind::Mirror:
+            return kelrIntersectMO_32f(t.origin, t.dir, r.distance.get(t.at), t.hit, r.id.get(t.at),
+                                       &ctx, kTileSide, kTileSide) == KEL_STS_OK;
+    }
+    return false;
+}
+
+#ifdef KELB_HAVE_EMBREE
+// Embree's single-ray queries on the same rays: eye and mirror rays find the
+// nearest hit from t = 0 up to the ray's entry distance; shadow rays are the
+// same segments, t in [0, 1) (just below 1, as close as a float gets to the
+// open end), and an occluded one gets mask -1 as in ours.
+TileTracer embreeTracer(RTCScene scene) {
+    return [scene](const Scene& s, Kind kind, RayBlock& r, int tile) {
+        const size_t at = size_t(tile) * kTileRays;
+        resetTile(kind, r, at);
+        RTCIntersectContext context;
+        rtcInitIntersectContext(&context);
+        const float* shared = kind == Kind::Shadow ? s.workload.light : s.workload.camera.eye;
+        for (size_t i = at; i < at + kTileRays; ++i) {
+            if (kind == Kind::Shadow && r.maskIn[i] < 0) continue;
+            RTCRayHit q;
+            const float o[3] = {kind == Kind::Mirror ? r.origin[0][i] : shared[0],
+                                kind == Kind::Mirror ? r.origin[1][i] : shared[1],
+                                kind == Kind::Mirror ? r.origin[2][i] : shared[2]};
+            q.ray.org_x = o[0], q.ray.org_y = o[1], q.ray.org_z = o[2];
+            q.ray.dir_x = r.dir[0][i], q.ray.dir_y = r.dir[1][i], q.ray.dir_z = r.dir[2][i];
+            q.ray.tnear = 0.0f;
+            q.ray.tfar = kind == Kind::Shadow ? std::nextafter(1.0f, 0.0f) : r.limit[i];
+            q.ray.time = 0.0f;
+            q.ray.mask = ~0u;
+            q.ray.id = 0;
+            q.ray.flags = 0;
+            if (kind == Kind::Shadow) {
+                rtcOccluded1(scene, &context, &q.ray);
+                if (q.ray.tfar < 0.0f) r.mask[i] = -1;
+                continue;
+            }
+            q.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+            rtcIntersect1(scene, &context, &q);
+            const bool hit = q.hit.geomID != RTC_INVALID_GEOMETRY_ID;
+            r.id[i] = hit ? int(q.hit.primID) : -1;
+            if (hit) r.distance[i] = q.ray.tfar;
+        }
+        return true;
+    };
+}
+#endif
+
+struct Tracer {
+    std::string name;
+    TileTracer trace;
+};
+
 // Seconds for tracing the whole block, tiles spread over the threads.
-double traceAll(const Scene& s, Kind kind, Path path, RayBlock& r, int threads) {
+double traceAll(const Scene& s, Kind kind, const Tracer& tracer, RayBlock& r, int threads) {
     int failures = 0;
     const double t0 = seconds();
 #pragma omp parallel for schedule(dynamic, 4) num_threads(threads) reduction(+ : failures)
-    for (int tile = 0; tile < r.tiles; ++tile)
-        failures += traceTile(s, kind, path, r, tile) != KEL_STS_OK;
+    for (int tile = 0; tile < r.tiles; ++tile) failures += !tracer.trace(s, kind, r, tile);
     const double elapsed = seconds() - t0;
-    if (failures) std::printf("  warning: %d tiles ended with an error status\n", failures);
+    if (failures)
+        std::printf("  warning: %s: %d tiles ended with an error status\n", tracer.name.c_str(),
+                    failures);
     return elapsed;
-}
-
-double mraysPerSecond(const Scene& s, Kind kind, Path path, RayBlock& r, int threads) {
-    traceAll(s, kind, path, r, threads);  // warm-up
-    std::vector<double> times;
-    for (int run = 0; run < kTimedRuns; ++run) times.push_back(traceAll(s, kind, path, r, threads));
-    return r.count / median(times) / 1e6;
 }
 
 struct Checksum {
@@ -255,32 +336,86 @@ void secondaryRays(const Scene& s, RayBlock& eye, RayBlock* shadow, RayBlock* mi
     }
 }
 
+constexpr int kRounds = 5;
+
+// What one thread count gives on one ray kind, per tracer: the rate and the
+// packets' speed relative to it.
 struct Figures {
-    double rate[2][2];  // [path][one thread, all threads]
-    Checksum sum[2];    // [path]
+    std::vector<double> rate;     // Mrays/s, median of the rounds
+    std::vector<double> packets;  // packets' rate / this tracer's, median of the rounds' ratios
 };
 
-Figures measure(const Scene& s, Kind kind, RayBlock& r, int threads) {
+// Every tracer on one thread count, timed in rounds that run the tracers in
+// turn, so that the machine's changing load moves all of them alike and the
+// ratios are taken within a round. After a warm-up round; `sums` gets each
+// tracer's checksum.
+Figures measure(const Scene& s, Kind kind, const std::vector<Tracer>& tracers, RayBlock& r,
+                int threads, std::vector<Checksum>* sums) {
+    const size_t n = tracers.size();
+    std::vector<std::vector<double>> times(n);
+    for (int round = -1; round < kRounds; ++round) {
+        for (size_t t = 0; t < n; ++t) {
+            const double elapsed = traceAll(s, kind, tracers[t], r, threads);
+            if (round >= 0) times[t].push_back(elapsed);
+            if (round == kRounds - 1 && sums) (*sums)[t] = checksum(kind, r);
+        }
+    }
     Figures f;
-    for (Path path : {Path::Scalar, Path::Dispatch}) {
-        const int p = path == Path::Scalar ? 0 : 1;
-        f.rate[p][0] = mraysPerSecond(s, kind, path, r, 1);
-        f.rate[p][1] = mraysPerSecond(s, kind, path, r, threads);
-        f.sum[p] = checksum(kind, r);
+    for (size_t t = 0; t < n; ++t) {
+        f.rate.push_back(r.count / median(times[t]) / 1e6);
+        std::vector<double> ratio;
+        for (int round = 0; round < kRounds; ++round)
+            ratio.push_back(times[t][round] / times[kPackets][round]);
+        f.packets.push_back(median(ratio));
     }
     return f;
 }
 
-void printFigures(const char* kind, int count, const Figures& f, bool shadow) {
-    std::printf("  %-7s %8d   %8.2f %8.2f   %8.2f %8.2f", kind, count, f.rate[0][0], f.rate[0][1],
-                f.rate[1][0], f.rate[1][1]);
-    for (const Checksum& c : f.sum) {
-        if (shadow)
-            std::printf("   %lld occluded", (long long)c.hits);
-        else
-            std::printf("   %lld / %lld", (long long)c.hits, (long long)c.idSum);
-    }
+void printRow(const char* label, const std::vector<double>& values) {
+    std::printf("    %-26s", label);
+    for (double v : values) std::printf(" %14.2f", v);
     std::printf("\n");
+}
+
+void printChecksums(Kind kind, const std::vector<Tracer>& tracers,
+                    const std::vector<Checksum>& sums) {
+    std::printf("    %-26s", kind == Kind::Shadow ? "occluded rays" : "hits / id sum");
+    for (size_t t = 0; t < tracers.size(); ++t) {
+        const Checksum& c = sums[t];
+        if (kind == Kind::Shadow)
+            std::printf(" %s %lld", tracers[t].name.c_str(), (long long)c.hits);
+        else
+            std::printf(" %s %lld / %lld", tracers[t].name.c_str(), (long long)c.hits,
+                        (long long)c.idSum);
+        std::printf(t + 1 < tracers.size() ? "," : "\n");
+    }
+}
+
+// One ray kind on one thread and on all: rates, the packets' speed relative
+// to each tracer, the gain from the other threads, and the checksums.
+Checksum benchKind(const Scene& s, const char* name, Kind kind, const std::vector<Tracer>& tracers,
+                   RayBlock& r, int threads) {
+    char title[64];
+    std::snprintf(title, sizeof title, "%s, %d rays", name, r.count);
+    std::printf("  %-28s", title);
+    for (const Tracer& t : tracers) std::printf(" %14s", t.name.c_str());
+    std::printf("\n");
+    std::vector<Checksum> sums(tracers.size());
+    const Figures one = measure(s, kind, tracers, r, 1, &sums);
+    const Figures all = measure(s, kind, tracers, r, threads, nullptr);
+    char label[64];
+    printRow("Mrays/s, 1 thread", one.rate);
+    std::snprintf(label, sizeof label, "Mrays/s, %d threads", threads);
+    printRow(label, all.rate);
+    printRow("packets / this, 1 thread", one.packets);
+    std::snprintf(label, sizeof label, "packets / this, %d threads", threads);
+    printRow(label, all.packets);
+    std::vector<double> gain;
+    for (size_t t = 0; t < tracers.size(); ++t) gain.push_back(all.rate[t] / one.rate[t]);
+    std::snprintf(label, sizeof label, "%d threads / 1 thread", threads);
+    printRow(label, gain);
+    printChecksums(kind, tracers, sums);
+    return sums[kScalar];
 }
 
 // Other tracers' eye-ray checksums on the same rays (hits, id sum).
@@ -325,23 +460,43 @@ void benchScene(const std::string& name, int threads) {
     kelrSetBoundBox_32f(m.vertices.data(), m.vertexCount(), s.box);
     buildTree(&s);
 
+    std::vector<Tracer> tracers = {{"scalar", scalarTile}, {"packets", packetTile}};
+#ifdef KELB_HAVE_EMBREE
+    // Embree's builds use every processor; its queries run on the caller's
+    // threads like ours.
+    const kelb::EmbreeDevice sse2("sse2", 0), native(nullptr, 0);
+    double t0 = seconds();
+    const kelb::EmbreeScene sse2Scene(sse2, m);
+    double t1 = seconds();
+    const kelb::EmbreeScene nativeScene(native, m);
+    std::printf("  Embree HIGH builds: sse2 device %.1f ms, native device %.1f ms\n",
+                1e3 * (t1 - t0), 1e3 * (seconds() - t1));
+    tracers.push_back({"Embree sse2", embreeTracer(sse2Scene.get())});
+    tracers.push_back({"Embree native", embreeTracer(nativeScene.get())});
+#endif
+
     const int side = s.workload.camera.width;
     RayBlock eye(side * side);
     eyeRays(s.workload.camera, &eye);
-    std::printf("  %-7s %8s   %-17s   %-17s   checksums scalar, dispatch\n", "Mrays/s", "rays",
-                "scalar 1T / all", "dispatch 1T / all");
-    const Figures eyeFigures = measure(s, Kind::Eye, eye, threads);
-    // Secondary rays come from the scalar eye hits, so both paths trace the
-    // same rays.
-    traceAll(s, Kind::Eye, Path::Scalar, eye, threads);
+    const Checksum eyeSum = benchKind(s, "eye", Kind::Eye, tracers, eye, threads);
+    // Secondary rays come from the scalar eye hits, so every tracer traces
+    // the same rays.
+    traceAll(s, Kind::Eye, tracers[kScalar], eye, threads);
     const int hits = int(checksum(Kind::Eye, eye).hits);
     RayBlock shadow(hits), mirror(hits);
     secondaryRays(s, eye, &shadow, &mirror);
-    printFigures("eye", eye.count, eyeFigures, false);
-    printFigures("shadow", hits, measure(s, Kind::Shadow, shadow, threads), true);
-    printFigures("mirror", hits, measure(s, Kind::Mirror, mirror, threads), false);
-    printReference(name, eyeFigures.sum[0]);
+    benchKind(s, "shadow", Kind::Shadow, tracers, shadow, threads);
+    benchKind(s, "mirror", Kind::Mirror, tracers, mirror, threads);
+    printReference(name, eyeSum);
     if (name == "bunny-room") printRoomHits(s, eye);
+}
+
+// The packet kernels the library runs, by its rule: AVX2 where the
+// processor has it, unless KELRT7_ISA=sse2 forces the baseline.
+const char* packetKernels() {
+    const char* setting = std::getenv("KELRT7_ISA");
+    if (setting && std::strcmp(setting, "sse2") == 0) return "SSE2 (KELRT7_ISA=sse2)";
+    return __builtin_cpu_supports("avx2") ? "AVX2" : "SSE2";
 }
 
 }  // namespace
@@ -351,9 +506,9 @@ int main(int argc, char** argv) {
     if (names.empty()) names = kelb::sceneNames();
     const int threads = omp_get_max_threads();
     std::printf(
-        "ray-scene queries, 16 x 16 tiles; Mrays/s, median of %d runs after a warm-up; "
-        "all cores = %d threads\n",
-        kTimedRuns, threads);
+        "ray-scene queries, 16 x 16 tiles; Mrays/s, median of %d rounds after a warm-up, "
+        "each round running every tracer in turn; all cores = %d threads; packet kernels: %s\n",
+        kRounds, threads, packetKernels());
     for (const std::string& name : names) {
         benchScene(name, threads);
         std::fflush(stdout);

@@ -2,67 +2,60 @@
 // mirrors its scalar loop in prmisc.cpp, four rays per step, in single
 // precision; where the two paths round differently the difference is
 // deliberate and visible to callers.
-#include <emmintrin.h>
-
+#include "core/lanes.h"
 #include "geometry/prmisc.h"
 
 namespace {
 
+using Floats = kel::lanes::Floats<4>;
+using Ints = kel::lanes::Ints<4>;
+using Mask = kel::lanes::Mask<float, 4>;
+
 // The only difference between an aligned worker and its unaligned twin.
 template <bool kAligned>
-struct Lanes {
-    static __m128 load(const float* p) {
-        if constexpr (kAligned) return _mm_load_ps(p);
-        return _mm_loadu_ps(p);
+struct Access {
+    template <typename T>
+    static kel::lanes::Lanes<T, 4> load(const T* p) {
+        if constexpr (kAligned) return kel::lanes::Lanes<T, 4>::load(p);
+        return kel::lanes::Lanes<T, 4>::loadUnaligned(p);
     }
-    static void store(float* p, __m128 v) {
+    template <typename T>
+    static void store(T* p, kel::lanes::Lanes<T, 4> v) {
         if constexpr (kAligned)
-            _mm_store_ps(p, v);
+            v.store(p);
         else
-            _mm_storeu_ps(p, v);
-    }
-    static __m128i loadMask(const int* p) {
-        const __m128i* q = reinterpret_cast<const __m128i*>(p);
-        if constexpr (kAligned) return _mm_load_si128(q);
-        return _mm_loadu_si128(q);
-    }
-    static void storeMask(int* p, __m128i v) {
-        __m128i* q = reinterpret_cast<__m128i*>(p);
-        if constexpr (kAligned)
-            _mm_store_si128(q, v);
-        else
-            _mm_storeu_si128(q, v);
+            v.storeUnaligned(p);
     }
 };
-using AlignedLanes = Lanes<true>;
-using UnalignedLanes = Lanes<false>;
+using Aligned = Access<true>;
+using Unaligned = Access<false>;
 
 // Four lanes of a plane triple.
 struct Vec3 {
-    __m128 x, y, z;
+    Floats x, y, z;
 };
 
-inline Vec3 splat(__m128 v) {
+inline Vec3 splat(Floats v) {
     return {v, v, v};
 }
 inline Vec3 splat(const float p[3]) {
-    return {_mm_set1_ps(p[0]), _mm_set1_ps(p[1]), _mm_set1_ps(p[2])};
+    return {p[0], p[1], p[2]};
 }
 inline Vec3 operator+(Vec3 a, Vec3 b) {
-    return {_mm_add_ps(a.x, b.x), _mm_add_ps(a.y, b.y), _mm_add_ps(a.z, b.z)};
+    return {a.x + b.x, a.y + b.y, a.z + b.z};
 }
 inline Vec3 operator-(Vec3 a, Vec3 b) {
-    return {_mm_sub_ps(a.x, b.x), _mm_sub_ps(a.y, b.y), _mm_sub_ps(a.z, b.z)};
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
 }
-inline Vec3 operator*(Vec3 a, __m128 s) {
-    return {_mm_mul_ps(a.x, s), _mm_mul_ps(a.y, s), _mm_mul_ps(a.z, s)};
+inline Vec3 operator*(Vec3 a, Floats s) {
+    return {a.x * s, a.y * s, a.z * s};
 }
 inline Vec3 operator*(Vec3 a, Vec3 b) {
-    return {_mm_mul_ps(a.x, b.x), _mm_mul_ps(a.y, b.y), _mm_mul_ps(a.z, b.z)};
+    return {a.x * b.x, a.y * b.y, a.z * b.z};
 }
 // Summed (x + y) + z, as the scalar loops do.
-inline __m128 dot(Vec3 a, Vec3 b) {
-    return _mm_add_ps(_mm_add_ps(_mm_mul_ps(a.x, b.x), _mm_mul_ps(a.y, b.y)), _mm_mul_ps(a.z, b.z));
+inline Floats dot(Vec3 a, Vec3 b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
 }
 
 template <typename L>
@@ -76,32 +69,19 @@ inline void storeTriple(float* const planes[3], int i, Vec3 v) {
     L::store(planes[2] + i, v.z);
 }
 
-// All bits set in the lanes whose mask entry is negative.
-inline __m128 inactiveLanes(__m128i mask) {
-    return _mm_castsi128_ps(_mm_srai_epi32(mask, 31));
-}
-
-// Active lanes keep their value, inactive ones become +0.0.
-inline __m128 activeOnly(__m128 inactive, __m128 v) {
-    return _mm_andnot_ps(inactive, v);
-}
-inline Vec3 activeOnly(__m128 inactive, Vec3 v) {
-    return {activeOnly(inactive, v.x), activeOnly(inactive, v.y), activeOnly(inactive, v.z)};
-}
-
-// Per lane: ifSet where which has all bits set, ifClear elsewhere.
-inline __m128 select(__m128 which, __m128 ifSet, __m128 ifClear) {
-    return _mm_or_ps(_mm_and_ps(which, ifSet), _mm_andnot_ps(which, ifClear));
+// Inactive lanes become +0.0, active ones keep their value.
+inline Vec3 activeOnly(Mask inactive, Vec3 v) {
+    return {clearWhere(inactive, v.x), clearWhere(inactive, v.y), clearWhere(inactive, v.z)};
 }
 
 // The four-ray frame of every masked worker: a group whose four masks are
 // all negative gets skip(i) and no arithmetic; any other group gets
-// run(i, inactive).
+// run(i, inactive), inactive being true in the lanes whose mask is negative.
 template <typename L, typename Skip, typename Run>
 inline KelStatus forEachGroup(const int* mask, int count, Skip skip, Run run) {
     for (int i = 0; i < count; i += 4) {
-        const __m128 inactive = inactiveLanes(L::loadMask(mask + i));
-        if (_mm_movemask_ps(inactive) == 0xF)
+        const Mask inactive = L::load(mask + i) < Ints(0);
+        if (inactive.bits() == 0xF)
             skip(i);
         else
             run(i, inactive);
@@ -109,28 +89,15 @@ inline KelStatus forEachGroup(const int* mask, int count, Skip skip, Run run) {
     return KEL_STS_OK;
 }
 
-// x, y, z of one interleaved vector in lanes 0 to 2 (lane 3 is 0). Reads
-// exactly three floats, so the last vector of an array is safe to load.
-inline __m128 loadXyz(const float* p) {
-    const __m128 xy = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(p));
-    return _mm_movelh_ps(xy, _mm_load_ss(p + 2));
+// The interleaved vectors (three floats each) that the four lanes point at.
+inline Vec3 gather(const float* const lane[4]) {
+    Floats c[3];
+    kel::lanes::gatherXyz(lane, c);
+    return {c[0], c[1], c[2]};
 }
-
-// Turns four interleaved vectors (one per lane, from loadXyz) into planes.
-inline Vec3 lanesToPlanes(__m128 l0, __m128 l1, __m128 l2, __m128 l3) {
-    _MM_TRANSPOSE4_PS(l0, l1, l2, l3);
-    return {l0, l1, l2};
-}
-
-// One vector for all four lanes.
-inline Vec3 broadcastXyz(const float* p) {
-    const __m128 v = loadXyz(p);
-    return {_mm_shuffle_ps(v, v, 0x00), _mm_shuffle_ps(v, v, 0x55), _mm_shuffle_ps(v, v, 0xAA)};
-}
-
-const __m128 kZero = {0.0f, 0.0f, 0.0f, 0.0f};
-const __m128 kOne = {1.0f, 1.0f, 1.0f, 1.0f};
-const __m128 kSignBit = {-0.0f, -0.0f, -0.0f, -0.0f};
+// What inactive lanes read instead of the caller's memory.
+constexpr float kZeros[3] = {0.0f, 0.0f, 0.0f};
+constexpr float kOnes[3] = {1.0f, 1.0f, 1.0f};
 
 // ---- Ray casting -------------------------------------------------------------
 
@@ -138,18 +105,16 @@ template <typename L>
 KelStatus castEye4(const float corner[3], const float columnStep[3], const float rowStep[3],
                    float x0, float y0, float* const direction[3], int width, int height) {
     if (width <= 0) return KEL_STS_OK;
-    const __m128 four = _mm_set1_ps(4.0f);
     for (int k = 0; k < 3; ++k) {
         // Row bases are accumulated by addition rather than recomputed, so
         // their rounding builds up down the block.
         float rowBase = (rowStep[k] * y0 + corner[k]) + columnStep[k] * x0;
-        const __m128 step = _mm_set1_ps(columnStep[k]);
+        const Floats step = columnStep[k];
         float* row = direction[k];
         for (int r = 0; r < height; ++r, row += width, rowBase += rowStep[k]) {
-            const __m128 base = _mm_set1_ps(rowBase);
-            __m128 column = _mm_setr_ps(0.0f, 1.0f, 2.0f, 3.0f);
-            for (int c = 0; c < width; c += 4, column = _mm_add_ps(column, four))
-                L::store(row + c, _mm_add_ps(_mm_mul_ps(step, column), base));
+            Floats column = kel::lanes::floats(0.0f, 1.0f, 2.0f, 3.0f);
+            for (int c = 0; c < width; c += 4, column = column + 4.0f)
+                L::store(row + c, step * column + rowBase);
         }
     }
     return KEL_STS_OK;
@@ -163,19 +128,19 @@ KelStatus castShadowSO(const float lightPos[3], const float* facing, const float
     return forEachGroup<L>(
         mask, count,
         [&](int i) {
-            L::store(cosine + i, kZero);
-            storeTriple<L>(direction, i, splat(kZero));
+            L::store(cosine + i, Floats(0.0f));
+            storeTriple<L>(direction, i, splat(0.0f));
         },
-        [&](int i, __m128) {
+        [&](int i, Mask) {
             const Vec3 toPoint = loadTriple<L>(point, i) - light;
-            const __m128 d = dot(toPoint, loadTriple<L>(normal, i));
-            const __m128 failed = _mm_cmpngt_ps(_mm_mul_ps(L::load(facing + i), d), kZero);
+            const Floats d = dot(toPoint, loadTriple<L>(normal, i));
+            const Mask failed = notGreater(L::load(facing + i) * d, 0.0f);
             // Every failing lane becomes -1, inactive ones included; when no
             // lane passes, that drops the whole group.
-            const __m128i rewritten = _mm_or_si128(L::loadMask(mask + i), _mm_castps_si128(failed));
-            L::storeMask(mask + i, rewritten);
-            const __m128 dropped = inactiveLanes(rewritten);
-            L::store(cosine + i, activeOnly(dropped, _mm_andnot_ps(kSignBit, d)));
+            const Ints rewritten = select(failed, Ints(-1), L::load(mask + i));
+            L::store(mask + i, rewritten);
+            const Mask dropped = rewritten < Ints(0);
+            L::store(cosine + i, clearWhere(dropped, kel::lanes::magnitude(d)));
             storeTriple<L>(direction, i, activeOnly(dropped, toPoint));
         });
 }
@@ -184,12 +149,12 @@ template <typename L>
 KelStatus castReflectionRay(const float* const incident[3], const int* mask,
                             const float* const normal[3], float* const reflected[3], int count) {
     return forEachGroup<L>(
-        mask, count, [&](int i) { storeTriple<L>(reflected, i, splat(kZero)); },
-        [&](int i, __m128 inactive) {
+        mask, count, [&](int i) { storeTriple<L>(reflected, i, splat(0.0f)); },
+        [&](int i, Mask inactive) {
             const Vec3 d = loadTriple<L>(incident, i);
             const Vec3 n = loadTriple<L>(normal, i);
-            const __m128 s = dot(d, n);
-            storeTriple<L>(reflected, i, activeOnly(inactive, d - n * _mm_add_ps(s, s)));
+            const Floats s = dot(d, n);
+            storeTriple<L>(reflected, i, activeOnly(inactive, d - n * (s + s)));
         });
 }
 
@@ -200,64 +165,53 @@ KelStatus castReflectionRay(const float* const incident[3], const int* mask,
 template <typename Origin>
 KelStatus hitPoints4(Origin origin, const float* const direction[3], const float* distance,
                      const int* mask, float* const hitPoint[3], int count, float scale) {
-    using L = AlignedLanes;
-    const __m128 scale4 = _mm_set1_ps(scale);
+    using L = Aligned;
     return forEachGroup<L>(
-        mask, count, [&](int i) { storeTriple<L>(hitPoint, i, splat(kZero)); },
-        [&](int i, __m128 inactive) {
+        mask, count, [&](int i) { storeTriple<L>(hitPoint, i, splat(0.0f)); },
+        [&](int i, Mask inactive) {
             const Vec3 p =
-                (loadTriple<L>(direction, i) * L::load(distance + i)) * scale4 + origin(i);
+                (loadTriple<L>(direction, i) * L::load(distance + i)) * scale + origin(i);
             storeTriple<L>(hitPoint, i, activeOnly(inactive, p));
         });
 }
 
 // ---- Surface normals ---------------------------------------------------------
 
-// Inactive lanes take this placeholder instead of reading memory.
-inline __m128 vertexOrPlaceholder(const float* vertexNormals, const int* triangle, int corner) {
-    return triangle ? loadXyz(vertexNormals + 3 * triangle[corner]) : kOne;
-}
-
 // The interpolated, unnormalised normals of four hits; inactive lanes hold
-// placeholders. Four hits on one triangle load its vertex normals once. Only
-// groups with an active lane come here, so four equal ids are four hits.
-Vec3 interpolate(const float* vertexNormals, const int* triangleIndices, const int* hit, __m128 u,
-                 __m128 v, int stride) {
-    const __m128 w = _mm_sub_ps(_mm_sub_ps(kOne, u), v);
+// placeholders (1.0) rather than read the caller's memory. Four hits on one triangle
+// load its vertex normals once. Only groups with an active lane come here,
+// so four equal ids are four hits.
+Vec3 interpolate(const float* vertexNormals, const int* triangleIndices, const int* hit, Floats u,
+                 Floats v, int stride) {
+    const Floats w = (1.0f - u) - v;
     Vec3 n[3];
-    const __m128i ids = _mm_load_si128(reinterpret_cast<const __m128i*>(hit));
-    const bool oneTriangle =
-        _mm_movemask_epi8(_mm_cmpeq_epi32(ids, _mm_shuffle_epi32(ids, 0))) == 0xFFFF;
-    if (oneTriangle) {
+    if ((Ints::load(hit) == Ints(hit[0])).bits() == 0xF) {
         const int* triangle = triangleIndices + hit[0] * stride;
-        for (int c = 0; c < 3; ++c) n[c] = broadcastXyz(vertexNormals + 3 * triangle[c]);
+        for (int c = 0; c < 3; ++c) n[c] = splat(vertexNormals + 3 * triangle[c]);
     } else {
-        const int* triangles[4];
-        for (int l = 0; l < 4; ++l)
-            triangles[l] = hit[l] < 0 ? nullptr : triangleIndices + hit[l] * stride;
-        for (int c = 0; c < 3; ++c)
-            n[c] = lanesToPlanes(vertexOrPlaceholder(vertexNormals, triangles[0], c),
-                                 vertexOrPlaceholder(vertexNormals, triangles[1], c),
-                                 vertexOrPlaceholder(vertexNormals, triangles[2], c),
-                                 vertexOrPlaceholder(vertexNormals, triangles[3], c));
+        for (int c = 0; c < 3; ++c) {
+            const float* lane[4];
+            for (int l = 0; l < 4; ++l)
+                lane[l] =
+                    hit[l] < 0 ? kOnes : vertexNormals + 3 * triangleIndices[hit[l] * stride + c];
+            n[c] = gather(lane);
+        }
     }
     return (n[0] * u + n[1] * v) + n[2] * w;
 }
 
 // Reciprocal length from the hardware estimate and one Newton step: about
 // 22 bits, and any non-zero vector is normalised, however short.
-inline __m128 reciprocalLength(Vec3 n) {
-    const __m128 floor = _mm_set1_ps(kel::kShortNormalSquare);
-    __m128 s = dot(n, n);
-    s = select(_mm_cmpeq_ps(s, kZero), floor, s);
-    const __m128 r = _mm_rsqrt_ps(s);
-    return _mm_mul_ps(_mm_mul_ps(r, _mm_set1_ps(-0.5f)),
-                      _mm_sub_ps(_mm_mul_ps(_mm_mul_ps(s, r), r), _mm_set1_ps(3.0f)));
+inline Floats reciprocalLength(Vec3 n) {
+    Floats s = dot(n, n);
+    s = select(s == 0.0f, Floats(kel::kShortNormalSquare), s);
+    const Floats r = kel::lanes::reciprocalSqrtEstimate(s);
+    return (r * -0.5f) * ((s * r) * r - 3.0f);
 }
 
 // The shading workers are chosen only when all their arrays are aligned
 // (AddMulMul's src excepted, which it reads with unaligned loads).
-using Shading = AlignedLanes;
+using Shading = Aligned;
 
 }  // namespace
 
@@ -266,13 +220,13 @@ using Shading = AlignedLanes;
 extern "C" KEL_API KelStatus ownCastEye4_w7(const float corner[3], const float columnStep[3],
                                             const float rowStep[3], float x0, float y0,
                                             float* const direction[3], int width, int height) {
-    return castEye4<UnalignedLanes>(corner, columnStep, rowStep, x0, y0, direction, width, height);
+    return castEye4<Unaligned>(corner, columnStep, rowStep, x0, y0, direction, width, height);
 }
 
 extern "C" KEL_API KelStatus ownCastEye4al_w7(const float corner[3], const float columnStep[3],
                                               const float rowStep[3], float x0, float y0,
                                               float* const direction[3], int width, int height) {
-    return castEye4<AlignedLanes>(corner, columnStep, rowStep, x0, y0, direction, width, height);
+    return castEye4<Aligned>(corner, columnStep, rowStep, x0, y0, direction, width, height);
 }
 
 extern "C" KEL_API KelStatus ownCastShadowSO_32f(const float lightPos[3], const float* pFacing,
@@ -280,8 +234,8 @@ extern "C" KEL_API KelStatus ownCastShadowSO_32f(const float lightPos[3], const 
                                                  const float* const point[3], int* pMask,
                                                  float* pCosine, float* const direction[3],
                                                  int count) {
-    return castShadowSO<UnalignedLanes>(lightPos, pFacing, normal, point, pMask, pCosine, direction,
-                                        count);
+    return castShadowSO<Unaligned>(lightPos, pFacing, normal, point, pMask, pCosine, direction,
+                                   count);
 }
 
 extern "C" KEL_API KelStatus ownCastShadowSOal_32f(const float lightPos[3], const float* pFacing,
@@ -289,22 +243,22 @@ extern "C" KEL_API KelStatus ownCastShadowSOal_32f(const float lightPos[3], cons
                                                    const float* const point[3], int* pMask,
                                                    float* pCosine, float* const direction[3],
                                                    int count) {
-    return castShadowSO<AlignedLanes>(lightPos, pFacing, normal, point, pMask, pCosine, direction,
-                                      count);
+    return castShadowSO<Aligned>(lightPos, pFacing, normal, point, pMask, pCosine, direction,
+                                 count);
 }
 
 extern "C" KEL_API KelStatus ownCastReflectionRay_32f(const float* const incident[3],
                                                       const int* pMask,
                                                       const float* const normal[3],
                                                       float* const reflected[3], int count) {
-    return castReflectionRay<UnalignedLanes>(incident, pMask, normal, reflected, count);
+    return castReflectionRay<Unaligned>(incident, pMask, normal, reflected, count);
 }
 
 extern "C" KEL_API KelStatus ownCastReflectionRayal_32f(const float* const incident[3],
                                                         const int* pMask,
                                                         const float* const normal[3],
                                                         float* const reflected[3], int count) {
-    return castReflectionRay<AlignedLanes>(incident, pMask, normal, reflected, count);
+    return castReflectionRay<Aligned>(incident, pMask, normal, reflected, count);
 }
 
 extern "C" KEL_API KelStatus ownHitPoint3DEpsS0_32f_M(const float origin[3],
@@ -321,33 +275,33 @@ extern "C" KEL_API KelStatus ownHitPoint3DEpsM0_32f_M(const float* const origin[
                                                       const float* pDistance, const int* pMask,
                                                       float* const hitPoint[3], int count,
                                                       float scale) {
-    return hitPoints4([&](int i) { return loadTriple<AlignedLanes>(origin, i); }, direction,
-                      pDistance, pMask, hitPoint, count, scale);
+    return hitPoints4([&](int i) { return loadTriple<Aligned>(origin, i); }, direction, pDistance,
+                      pMask, hitPoint, count, scale);
 }
 
 extern "C" KEL_API KelStatus ownSurfFlatNormal_32f(const float* pTriangleNormals,
                                                    const int* pHitTriangle, float* const normal[3],
                                                    int count) {
-    using L = AlignedLanes;
+    using L = Aligned;
     return forEachGroup<L>(
-        pHitTriangle, count, [&](int i) { storeTriple<L>(normal, i, splat(kZero)); },
-        [&](int i, __m128) {
-            __m128 lane[4];
+        pHitTriangle, count, [&](int i) { storeTriple<L>(normal, i, splat(0.0f)); },
+        [&](int i, Mask) {
+            const float* lane[4];
             for (int l = 0; l < 4; ++l) {
                 const int h = pHitTriangle[i + l];
-                lane[l] = h < 0 ? kZero : loadXyz(pTriangleNormals + 3 * h);
+                lane[l] = h < 0 ? kZeros : pTriangleNormals + 3 * h;
             }
-            storeTriple<L>(normal, i, lanesToPlanes(lane[0], lane[1], lane[2], lane[3]));
+            storeTriple<L>(normal, i, gather(lane));
         });
 }
 
 extern "C" KEL_API KelStatus ownSurfSmoothNormal_32f(
     const float* pVertexNormals, const int* pTriangleIndices, const int* pHitTriangle,
     const float* const barycentric[2], float* const normal[3], int count, int stride) {
-    using L = AlignedLanes;
+    using L = Aligned;
     return forEachGroup<L>(
-        pHitTriangle, count, [&](int i) { storeTriple<L>(normal, i, splat(kZero)); },
-        [&](int i, __m128 inactive) {
+        pHitTriangle, count, [&](int i) { storeTriple<L>(normal, i, splat(0.0f)); },
+        [&](int i, Mask inactive) {
             const Vec3 n =
                 interpolate(pVertexNormals, pTriangleIndices, pHitTriangle + i,
                             L::load(barycentric[0] + i), L::load(barycentric[1] + i), stride);
@@ -359,9 +313,9 @@ extern "C" KEL_API KelStatus ownDot_32f_P3C1M(const float* const a[3], const flo
                                               const int* pMask, float* pDot, int count) {
     using L = Shading;
     return forEachGroup<L>(
-        pMask, count, [&](int i) { L::store(pDot + i, kZero); },
-        [&](int i, __m128 inactive) {
-            L::store(pDot + i, activeOnly(inactive, dot(loadTriple<L>(a, i), loadTriple<L>(b, i))));
+        pMask, count, [&](int i) { L::store(pDot + i, Floats(0.0f)); },
+        [&](int i, Mask inactive) {
+            L::store(pDot + i, clearWhere(inactive, dot(loadTriple<L>(a, i), loadTriple<L>(b, i))));
         });
 }
 
@@ -370,15 +324,16 @@ extern "C" KEL_API KelStatus ownDotChangeNorm_32f_IM(const float* const directio
                                                      float* pDot, int count) {
     using L = Shading;
     return forEachGroup<L>(
-        pMask, count, [&](int i) { L::store(pDot + i, kZero); },
-        [&](int i, __m128 inactive) {
+        pMask, count, [&](int i) { L::store(pDot + i, Floats(0.0f)); },
+        [&](int i, Mask inactive) {
             const Vec3 n = loadTriple<L>(normal, i);
-            const __m128 d = dot(loadTriple<L>(direction, i), n);
+            const Floats d = dot(loadTriple<L>(direction, i), n);
             // Sign bit toggles only where an active normal faces along the ray.
-            const __m128 flip = _mm_and_ps(activeOnly(inactive, _mm_cmpgt_ps(d, kZero)), kSignBit);
-            storeTriple<L>(normal, i,
-                           {_mm_xor_ps(n.x, flip), _mm_xor_ps(n.y, flip), _mm_xor_ps(n.z, flip)});
-            L::store(pDot + i, activeOnly(inactive, _mm_xor_ps(d, flip)));
+            const Mask flip = andNot(d > 0.0f, inactive);
+            storeTriple<L>(
+                normal, i,
+                {negateWhere(flip, n.x), negateWhere(flip, n.y), negateWhere(flip, n.z)});
+            L::store(pDot + i, clearWhere(inactive, negateWhere(flip, d)));
         });
 }
 
@@ -389,13 +344,13 @@ extern "C" KEL_API KelStatus ownDistAttenuationSO_32f_M(const float origin[3],
     using L = Shading;
     const Vec3 o = splat(origin);
     return forEachGroup<L>(
-        pMask, count, [&](int i) { L::store(pDistance + i, kOne); },
-        [&](int i, __m128 inactive) {
+        pMask, count, [&](int i) { L::store(pDistance + i, Floats(1.0f)); },
+        [&](int i, Mask inactive) {
             const Vec3 toPoint = loadTriple<L>(point, i) - o;
-            const __m128 q = dot(toPoint, toPoint);
+            const Floats q = dot(toPoint, toPoint);
             // NaN fails the comparison and gives 1.0 as well.
-            const __m128 far = activeOnly(inactive, _mm_cmpge_ps(q, kOne));
-            L::store(pDistance + i, select(far, _mm_sqrt_ps(q), kOne));
+            const Mask far = andNot(q >= 1.0f, inactive);
+            L::store(pDistance + i, select(far, kel::lanes::sqrt(q), Floats(1.0f)));
         });
 }
 
@@ -403,8 +358,8 @@ extern "C" KEL_API KelStatus ownMul_32f_C1P3IM(const float* pFactor, const int* 
                                                float* const srcDst[3], int count) {
     using L = Shading;
     return forEachGroup<L>(
-        pMask, count, [&](int i) { storeTriple<L>(srcDst, i, splat(kZero)); },
-        [&](int i, __m128 inactive) {
+        pMask, count, [&](int i) { storeTriple<L>(srcDst, i, splat(0.0f)); },
+        [&](int i, Mask inactive) {
             const Vec3 product = loadTriple<L>(srcDst, i) * L::load(pFactor + i);
             storeTriple<L>(srcDst, i, activeOnly(inactive, product));
         });
@@ -418,11 +373,11 @@ extern "C" KEL_API KelStatus ownAddMulMul_32f_AC1P3IM(const float coefficient[3]
     const Vec3 c = splat(coefficient);
     return forEachGroup<L>(
         pMask, count, [](int) {},
-        [&](int i, __m128 inactive) {
+        [&](int i, Mask inactive) {
             // (src x factor) x coefficient in single precision; the scalar
             // loop multiplies by the coefficient first, in extended precision.
             const Vec3 old = loadTriple<L>(acc, i);
-            const Vec3 sum = old + (loadTriple<UnalignedLanes>(src, i) * L::load(pFactor + i)) * c;
+            const Vec3 sum = old + (loadTriple<Unaligned>(src, i) * L::load(pFactor + i)) * c;
             storeTriple<L>(acc, i,
                            {select(inactive, old.x, sum.x), select(inactive, old.y, sum.y),
                             select(inactive, old.z, sum.z)});

@@ -5,67 +5,15 @@
 // thresholds, and in what ends a ray.
 #include "intersect/printersect.h"
 
-#include "intersect/packet.h"
+#include "intersect/packetpath.h"
 
 namespace {
 
 using kel::EyeQuery;
 using kel::OwnOriginQuery;
+using kel::TraversalRay;
+using kel::traverse;
 using kel::TriangleHit;
-
-// ---- Traversal -----------------------------------------------------------
-
-// A ray as the tree walk sees it: its origin, reciprocal direction, the side
-// of each split it meets first, and its interval [tNear, tFar].
-struct TraversalRay {
-    float origin[3];
-    float inverse[3];
-    int towardsLower[3];  // 1: the child above a split comes first
-    float tNear, tFar;
-};
-
-// Walks the tree front to back. The leaf tester tests a leaf's triangles,
-// returns true when the ray is finished, and tells through reach() how far
-// the ray still looks: once that is within the interval just finished, no
-// deferred child can hold anything nearer.
-template <class LeafTester>
-KelStatus traverse(const KDTreeNode* root, const TraversalRay& ray, LeafTester& leaves) {
-    struct Deferred {
-        const KDTreeNode* node;
-        float tFar;
-    };
-    Deferred stack[kel::kTraversalStackDepth];
-    int deferred = 0;
-    const KDTreeNode* node = root;
-    float tNear = ray.tNear, tFar = ray.tFar;
-    for (;;) {
-        while (!kel::isLeaf(node)) {
-            const int axis = kel::splitAxis(node);
-            const float tSplit = (node->data.split - ray.origin[axis]) * ray.inverse[axis];
-            const KDTreeNode* pair = kel::childPair(node);
-            const KDTreeNode* nearChild = pair + ray.towardsLower[axis];
-            const KDTreeNode* farChild = pair + (1 - ray.towardsLower[axis]);
-            if (tNear - tSplit > kel::kSplitTolerance) {
-                node = farChild;
-            } else if (tSplit - tFar > kel::kSplitTolerance) {
-                node = nearChild;
-            } else {
-                if (deferred == kel::kTraversalStackDepth) return KEL_STS_NO_MEM;
-                stack[deferred++] = {farChild, tFar};
-                const float end = tSplit < tFar ? tSplit : tFar;
-                tFar = end > tNear ? end : tNear;
-                node = nearChild;
-            }
-        }
-        if (node->data.count > 0 && leaves.testLeaf(kel::leafTriangles(node), node->data.count))
-            return KEL_STS_OK;
-        if (deferred == 0 || !(leaves.reach() > tFar)) return KEL_STS_OK;
-        --deferred;
-        tNear = tFar;
-        tFar = stack[deferred].tFar;
-        node = stack[deferred].node;
-    }
-}
 
 // Keeps the nearest accepted hit of one ray, written straight to the
 // caller's arrays so that a walk cut short by a full stack leaves what it
@@ -299,6 +247,111 @@ KEL_API KelStatus ownIntersectAnyBlock(const float origin[3], const float* const
         }
     }
     return KEL_STS_OK;
+}
+
+}  // extern "C"
+
+// ---- Packet path -----------------------------------------------------------
+
+namespace {
+
+const kel::PacketPaths kSse2Paths = {kel::sse2::kEyePacketPath, kel::sse2::kOwnOriginPacketPath,
+                                     kel::sse2::kShadowPacketPath};
+const kel::PacketPaths kAvx2Paths = {kel::avx2::kEyePacketPath, kel::avx2::kOwnOriginPacketPath,
+                                     kel::avx2::kShadowPacketPath};
+
+}  // namespace
+
+const kel::PacketPaths& kel::packetPaths() {
+    return packetIsa() == Isa::kAvx2 ? kAvx2Paths : kSse2Paths;
+}
+
+// The exported packet workers run the build of the chosen instruction set.
+extern "C" {
+
+KEL_API KelStatus ownIntersectEyeBlock4_w7(const float origin[3], const float* const direction[3],
+                                           const float* pSceneBox, const TriangleAccel* pAccel,
+                                           const KDTreeNode* pTree, float* pDistance,
+                                           float* const hit[2], int* pTriangleId, int width,
+                                           int height) {
+    return kel::packetPaths().eye.block(origin, direction, pSceneBox, pAccel, pTree, pDistance, hit,
+                                        pTriangleId, width, height);
+}
+
+KEL_API KelStatus ownIntersectEyeBlock4x2(const float origin[3], const float* const direction[3],
+                                          const float* pSceneBox, const TriangleAccel* pAccel,
+                                          const KDTreeNode* pTree, float* pDistance,
+                                          float* const hit[2], int* pTriangleId, int width) {
+    return kel::packetPaths().eye.trace4x2(origin, direction, pSceneBox, pAccel, pTree, pDistance,
+                                           hit, pTriangleId, width);
+}
+
+KEL_API KelStatus ownIntersectEyeBlock4x1(const float origin[3], const float* const direction[3],
+                                          const float* pSceneBox, const TriangleAccel* pAccel,
+                                          const KDTreeNode* pTree, float* pDistance,
+                                          float* const hit[2], int* pTriangleId, int lanes) {
+    return kel::packetPaths().eye.trace4x1(origin, direction, pSceneBox, pAccel, pTree, pDistance,
+                                           hit, pTriangleId, lanes);
+}
+
+KEL_API KelStatus ownIntersectBlock4_w7(const float* const origin[3],
+                                        const float* const direction[3], const float* pSceneBox,
+                                        const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                        float* pDistance, float* const hit[2], int* pTriangleId,
+                                        int width, int height) {
+    return kel::packetPaths().ownOrigin.block(origin, direction, pSceneBox, pAccel, pTree,
+                                              pDistance, hit, pTriangleId, width, height);
+}
+
+KEL_API KelStatus ownIntersectBlock4x2(const float* const origin[3],
+                                       const float* const direction[3], const float* pSceneBox,
+                                       const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                       float* pDistance, float* const hit[2], int* pTriangleId,
+                                       int width) {
+    return kel::packetPaths().ownOrigin.trace4x2(origin, direction, pSceneBox, pAccel, pTree,
+                                                 pDistance, hit, pTriangleId, width);
+}
+
+KEL_API KelStatus ownIntersectBlock4x1(const float* const origin[3],
+                                       const float* const direction[3], const float* pSceneBox,
+                                       const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                       float* pDistance, float* const hit[2], int* pTriangleId,
+                                       int lanes) {
+    return kel::packetPaths().ownOrigin.trace4x1(origin, direction, pSceneBox, pAccel, pTree,
+                                                 pDistance, hit, pTriangleId, lanes);
+}
+
+KEL_API KelStatus ownIntersectAnyBlock4_w7(const float origin[3], const float* const direction[3],
+                                           const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                           int* pTriangleId, int* pMask, int width, int height) {
+    return kel::packetPaths().shadow.block(origin, direction, pAccel, pTree, pTriangleId, pMask,
+                                           width, height);
+}
+
+KEL_API KelStatus ownIntersectAnyBlock4x2(const float origin[3], const float* const direction[3],
+                                          const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                          int* pTriangleId, int* pMask, int width) {
+    return kel::packetPaths().shadow.trace4x2(origin, direction, pAccel, pTree, pTriangleId, pMask,
+                                              width);
+}
+
+KEL_API KelStatus ownIntersectAnyBlock4x1(const float origin[3], const float* const direction[3],
+                                          const TriangleAccel* pAccel, const KDTreeNode* pTree,
+                                          int* pTriangleId, int* pMask, int lanes) {
+    return kel::packetPaths().shadow.trace4x1(origin, direction, pAccel, pTree, pTriangleId, pMask,
+                                              lanes);
+}
+
+KEL_API void ownIntersectOccluder4x4(const float origin[3], const float* const direction[3],
+                                     const TriangleAccel* pAccel, int triangle, int* pTriangleId,
+                                     int* pMask, int width) {
+    kel::packetPaths().shadow.occluder4x4(origin, direction, pAccel, triangle, pTriangleId, pMask,
+                                          width);
+}
+
+KEL_API int ownIntersectNearestOccl(const float origin[3], const float direction[3],
+                                    const TriangleAccel* pAccel, const KDTreeNode* pTree) {
+    return kel::packetPaths().shadow.nearestOccluder(origin, direction, pAccel, pTree);
 }
 
 }  // extern "C"

@@ -1,7 +1,7 @@
 // Per-triangle accelerator records: the triangle's plane and edges projected
 // onto the two axes in which it is largest and pre-divided, so that a
 // ray-triangle test costs a single division.
-#include "core/kel_private.h"
+#include "intersect/printersect.h"
 
 namespace {
 
@@ -30,10 +30,7 @@ int dominantAxis(const Vec3d& n) {
     return k;
 }
 
-// Projection axes (u, v) for each dominant axis k. The y projection is
-// mirrored, which the sign of the projected area determinant undoes.
-constexpr int kAxisU[3] = {1, 0, 0};
-constexpr int kAxisV[3] = {2, 2, 1};
+// The sign of the projected area determinant for each dominant axis k.
 constexpr double kDeterminantSign[3] = {1.0, -1.0, 1.0};
 
 // Normal components below this are zero for all practical purposes: the
@@ -54,7 +51,8 @@ void fillRecord(TriangleAccel* rec, const float* vertices, const int* corners, i
     const Vec3d c = vertex(vertices, corners[2]);
     const Vec3d e1 = minus(a, c), e2 = minus(b, c);
     const Vec3d n = cross(e1, e2);
-    const int k = dominantAxis(n), u = kAxisU[k], v = kAxisV[k];
+    const kel::ProjectionAxes axes = kel::kProjections[dominantAxis(n)];
+    const int k = axes.k, u = axes.u, v = axes.v;
     const double nk = n.c[k];
     if (nk == 0.0 || nk != nk) {
         writeDegenerate(rec, number);
@@ -77,7 +75,7 @@ void fillRecord(TriangleAccel* rec, const float* vertices, const int* corners, i
     rec->e2v = float(e2.c[v] * d);
     rec->e1u = float(e1.c[u] * d);
     rec->e1v = float(e1.c[v] * d);
-    rec->axes = uint32_t(k << 4 | u << 2 | v) | flat;
+    rec->axes = kel::axisCode(axes) | flat;
     rec->triangle = number;
 }
 
