@@ -1,6 +1,13 @@
 #include "queries.h"
 
+#include <utility>
+
 namespace kelt {
+
+Scene::Scene(Mesh m) : mesh(std::move(m)), accel(size_t(mesh.triangleCount())) {
+    kelrTriangleAccelInit(accel.data(), mesh.vertices.data(), mesh.triangles.data(), count());
+    vertexBounds(mesh, box);
+}
 
 Answers trace(Query q, const IntersectContext& context, const Rays& rays, int misalign) {
     const int n = rays.count;

@@ -1,5 +1,6 @@
-// Blocks of rays for the query tests: origins, directions, entry distances
-// and masks, traced by the three queries with every plane guarded.
+// Scenes and blocks of rays for the query tests: a mesh with its records,
+// and origins, directions, entry distances and masks traced by the three
+// queries with every plane guarded.
 #ifndef KEL_TEST_QUERIES_H
 #define KEL_TEST_QUERIES_H
 
@@ -7,11 +8,22 @@
 
 #include "arrays.h"
 #include "kelr.h"
+#include "mesh.h"
 
 namespace kelt {
 
 enum class Query { kEye, kOwnOrigins, kShadow };
 constexpr Query kQueries[] = {Query::kEye, Query::kOwnOrigins, Query::kShadow};
+
+// A mesh with its accelerator records and box (the vertices' bounds).
+struct Scene {
+    explicit Scene(Mesh m);
+    Mesh mesh;
+    std::vector<TriangleAccel> accel;
+    float box[6];
+    int count() const { return mesh.triangleCount(); }
+    IntersectContext context(const KDTreeNode* tree) const { return {box, accel.data(), tree}; }
+};
 
 // Eye and shadow rays start at the first origin; a shadow ray is the
 // segment to its origin plus its direction.
