@@ -171,9 +171,6 @@ TEST(CacheSize, FollowsTablePriorityAndDiscardsInvalidRegisters) {
     // A typical two-level report: 0x2C/0x30 (level 1) and 0x49.
     uint32_t report[4] = {0x05B0B101, 0x005657F0, 0x00000000, 0x2CB43049};
     EXPECT_EQ(kel::cacheSizeFromLeaf2(report), 4u << 20);
-    // The first matching row wins, not the first register.
-    uint32_t both[4] = {0x00002201, 0x00000000, 0x0000004D, 0x00000000};
-    EXPECT_EQ(kel::cacheSizeFromLeaf2(both), 16u << 20);
     // Bit 31 marks a register without descriptors.
     uint32_t invalid[4] = {0x00000001, 0x80000049, 0x00000022, 0x00000000};
     EXPECT_EQ(kel::cacheSizeFromLeaf2(invalid), 512u << 10);
@@ -184,8 +181,8 @@ TEST(CacheSize, FollowsTablePriorityAndDiscardsInvalidRegisters) {
     EXPECT_EQ(kel::cacheSizeFromLeaf2(twice), 0u);
     uint32_t none[4] = {0x00000001, 0x01020304, 0x0A0B0C0D, 0x50607080};
     EXPECT_EQ(kel::cacheSizeFromLeaf2(none), 0u);
-    // Every descriptor of a row outranks every one of the next row, even
-    // from a later register.
+    // The first matching row wins, not the first register: every descriptor
+    // of a row outranks every one of the next row, even from a later register.
     const std::vector<Row>& rows = documentedTable();
     for (size_t r = 0; r + 1 < rows.size(); ++r)
         for (uint8_t higher : rows[r].descriptors)

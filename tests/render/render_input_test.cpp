@@ -3,8 +3,10 @@
 // program itself (render_cli_* in CMakeLists.txt).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "camera.h"
@@ -13,6 +15,7 @@
 #include "options.h"
 #include "scene_accel.h"
 #include "shapes.h"
+#include "trees.h"
 
 namespace {
 
@@ -30,23 +33,16 @@ TEST(Options, AcceptTheDocumentedForms) {
          "60", "--normals", "flat", "--memory", "200", "--out", "a/b.PNG", "--quiet", "--version"},
         &o, &error))
         << error;
-    EXPECT_EQ(o.render.width, 320);
-    EXPECT_EQ(o.render.height, 200);
-    EXPECT_EQ(o.render.bounces, 0);
-    EXPECT_EQ(o.build.builder, TreeBuilder::kSimple);
-    EXPECT_EQ(o.build.memoryMiB, 200u);
-    EXPECT_EQ(o.render.normals, NormalMode::kFlat);
-    ASSERT_TRUE(o.eye.has_value());
-    EXPECT_EQ((*o.eye)[1], 2.5f);
-    EXPECT_EQ(*o.fov, 60.0f);
-    EXPECT_EQ(o.out, "a/b.PNG");
-    EXPECT_TRUE(o.quiet);
-    EXPECT_TRUE(o.version);
+    ASSERT_TRUE(o.eye.has_value() && o.fov.has_value());
+    EXPECT_EQ(std::make_tuple(o.render.width, o.render.height, o.render.bounces, o.build.builder,
+                              o.build.memoryMiB, o.render.normals, (*o.eye)[1], *o.fov, o.out,
+                              o.quiet, o.version),
+              std::make_tuple(320, 200, 0, TreeBuilder::kSimple, 200u, NormalMode::kFlat, 2.5f,
+                              60.0f, std::string("a/b.PNG"), true, true));
 
     Options square;
     ASSERT_TRUE(parse({"--size", "256"}, &square, &error));
-    EXPECT_EQ(square.render.width, 256);
-    EXPECT_EQ(square.render.height, 256);
+    EXPECT_TRUE(square.render.width == 256 && square.render.height == 256);
 }
 
 TEST(ObjLoader, ReadsFacesAndKeepsOrComputesNormals) {
@@ -140,38 +136,29 @@ TEST(Output, RefusesFoldersAndUnwritablePlaces) {
     EXPECT_EQ(toSrgb8(0.002f), 7);
 }
 
-// A packed block: the root splits into two leaves holding triangles {0, 1}
-// and {2}. Layout: root, spare words, child pair, then the lists.
-struct TwoLeafTree {
-    KDTreeNode nodes[4];
-    int lists[3];
-};
-
+// A PSAH tree of a seeded soup, against the test library's own walk of it;
+// a link past the end of the block is reported, not followed.
 TEST(WalkTree, CountsNodesLeavesAndDepth) {
-    TwoLeafTree tree = {};
-    tree.nodes[0].link = 16 | 1;  // split on y, children 16 bytes on
-    tree.nodes[0].data.split = 0.5f;
-    tree.nodes[2].link = 16 - 32;  // first leaf's list at byte 32
-    tree.nodes[2].data.count = 2;
-    tree.nodes[3].link = 24 - 40;  // second list right after the first
-    tree.nodes[3].data.count = 1;
-    tree.lists[0] = 0;
-    tree.lists[1] = 1;
-    tree.lists[2] = 2;
-    const TreeStats stats = walkTree(tree.nodes, int(sizeof tree));
-    EXPECT_EQ(stats.innerNodes, 1);
-    EXPECT_EQ(stats.leaves, 2);
-    EXPECT_EQ(stats.emptyLeaves, 0);
-    EXPECT_EQ(stats.maxDepth, 1);
-    EXPECT_EQ(stats.triangleReferences, 3);
-    EXPECT_EQ(stats.largestLeaf, 2);
-
-    // A link past the end of the block is reported, not followed.
-    tree.nodes[3].data.count = 50;
-    EXPECT_THROW(walkTree(tree.nodes, int(sizeof tree)), std::runtime_error);
-    tree.nodes[3].data.count = 1;
-    tree.nodes[0].link = 4000 | 1;
-    EXPECT_THROW(walkTree(tree.nodes, int(sizeof tree)), std::runtime_error);
+    const kelt::Mesh mesh = kelt::randomSoup(4, 500);
+    const KDTreeBuildContext context = {KDT_BUILD_PSAH, 20, 1.0f, 128, nullptr};
+    KDTreeNode* tree = nullptr;
+    int size = 0;
+    ASSERT_EQ(KEL_STS_OK, kelrKDTreeBuildAlloc(&tree, mesh.vertices.data(), mesh.triangles.data(),
+                                               mesh.vertexCount(), 500, &size, &context));
+    kelt::TreeSummary want;
+    ASSERT_EQ("", kelt::checkTree(tree, size, 500, &want));
+    int empty = 0, largest = 0;
+    for (const kelt::TreeLeaf& leaf : want.leaves)
+        empty += leaf.count == 0, largest = std::max(largest, leaf.count);
+    ASSERT_TRUE(want.innerNodes > 0 && empty > 0);
+    const TreeStats got = walkTree(tree, size);
+    EXPECT_EQ(std::make_tuple(got.innerNodes, got.leaves, got.emptyLeaves, got.maxDepth,
+                              got.triangleReferences, got.largestLeaf),
+              std::make_tuple(want.innerNodes, int(want.leaves.size()), empty, want.maxDepth,
+                              int64_t(want.listed), largest));
+    EXPECT_THROW(walkTree(tree, size - 4), std::runtime_error);  // the last list
+    EXPECT_THROW(walkTree(tree, 24), std::runtime_error);        // the root's pair
+    kelrKDTreeFree(tree);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "trees.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 
 namespace kelt {
@@ -117,101 +116,13 @@ std::string checkTree(const KDTreeNode* tree, int size, int triangleCount, TreeS
             return "leaf list " + std::to_string(k) + " not at byte " + std::to_string(expected);
         if (expected + 4LL * leaf.count > size) return "leaf lists run past the reported size";
         leaf.list = reinterpret_cast<const int32_t*>(block + expected);
-        std::vector<int32_t> seen(leaf.list, leaf.list + leaf.count);
-        for (int32_t n : seen)
-            if (n < 0 || n >= triangleCount)
+        for (int i = 0; i < leaf.count; ++i)
+            if (leaf.list[i] < 0 || leaf.list[i] >= triangleCount)
                 return "triangle out of range in leaf " + std::to_string(k);
-        std::sort(seen.begin(), seen.end());
-        if (std::adjacent_find(seen.begin(), seen.end()) != seen.end())
-            summary->duplicateInLeaf = true;
         expected += 4 * leaf.count;
     }
     if (expected != size) return "lists do not end at the reported size";
     return "";
-}
-
-bool listsEveryTriangle(const TreeSummary& summary, int triangleCount) {
-    std::vector<char> seen(size_t(triangleCount), 0);
-    for (const TreeLeaf& leaf : summary.leaves)
-        for (int k = 0; k < leaf.count; ++k) seen[size_t(leaf.list[k])] = 1;
-    return std::find(seen.begin(), seen.end(), 0) == seen.end();
-}
-
-namespace {
-
-// A convex polygon cut by axis planes keeps at most 3 + 6 corners; the rest
-// of the room absorbs rounding.
-struct Polygon {
-    std::array<double, 3> v[32];
-    int n = 0;
-};
-
-// The part of the polygon inside lo <= p[axis] <= hi (Sutherland-Hodgman).
-Polygon clipToSlab(Polygon p, int axis, double lo, double hi) {
-    for (int side = 0; side < 2; ++side) {
-        const double plane = side ? hi : lo;
-        auto inside = [&](const std::array<double, 3>& q) {
-            return side ? q[axis] <= plane : q[axis] >= plane;
-        };
-        Polygon out;
-        for (int k = 0; k < p.n; ++k) {
-            const auto &a = p.v[k], &b = p.v[(k + 1) % p.n];
-            if (inside(a) && out.n < 32) out.v[out.n++] = a;
-            if (inside(a) == inside(b) || out.n == 32) continue;
-            const double t = (plane - a[axis]) / (b[axis] - a[axis]);
-            auto& q = out.v[out.n++];
-            for (int c = 0; c < 3; ++c) q[c] = a[c] + t * (b[c] - a[c]);
-            q[axis] = plane;
-        }
-        p = out;
-    }
-    return p;
-}
-
-Polygon clipToBox(Polygon p, const double* box) {
-    for (int a = 0; a < 3 && p.n > 0; ++a) p = clipToSlab(p, a, box[a], box[a + 3]);
-    return p;
-}
-
-}  // namespace
-
-int missingFromLeaves(const KDTreeNode* tree, const Mesh& mesh, const float* rootBox) {
-    double root[6], extent = 0;
-    std::copy(rootBox, rootBox + 6, root);
-    for (int a = 0; a < 3; ++a) extent = std::max(extent, root[a + 3] - root[a]);
-    auto descend = [&](auto& self, int offset, const double* box, const Polygon& part,
-                       int triangle) -> int {
-        if (part.n == 0) return 0;
-        const Node node = nodeAt(tree, offset);
-        double below[6], above[6];
-        std::copy(box, box + 6, below), std::copy(box, box + 6, above);
-        if (node.leaf()) {
-            for (int a = 0; a < 3; ++a) {
-                const double margin = std::max(1e-3 * (box[a + 3] - box[a]), 1e-5 * extent);
-                below[a] += margin, below[a + 3] -= margin;
-                if (below[a] > below[a + 3]) return 0;  // too thin to demand anything
-            }
-            const int32_t* list = reinterpret_cast<const int32_t*>(
-                reinterpret_cast<const char*>(tree) + offset - node.word0);
-            return clipToBox(part, below).n > 0 &&
-                   std::find(list, list + node.word1, triangle) == list + node.word1;
-        }
-        const int axis = node.axis(), pair = node.pair(offset);
-        const double split = node.split();
-        below[axis + 3] = above[axis] = split;
-        return self(self, pair, below, clipToSlab(part, axis, box[axis], split), triangle) +
-               self(self, pair + 8, above, clipToSlab(part, axis, split, box[axis + 3]), triangle);
-    };
-    int misses = 0;
-    for (int n = 0; n < mesh.triangleCount(); ++n) {
-        Polygon p;
-        for (int k = 0; k < 3; ++k) {
-            const float* v = mesh.corner(n, k);
-            p.v[p.n++] = {v[0], v[1], v[2]};
-        }
-        misses += descend(descend, 0, root, clipToBox(p, root), n);
-    }
-    return misses;
 }
 
 }  // namespace kelt

@@ -1,6 +1,6 @@
 // Packed kd-tree blocks for tests and benchmarks: the reference one-leaf
-// tree, a budget that fits a PSAH build, a checker of the block format that
-// gathers the tree's figures, and a check of the leaves' geometry.
+// tree, a budget that fits a PSAH build, and a checker of the block format
+// that gathers the tree's figures.
 #ifndef KEL_TEST_TREES_H
 #define KEL_TEST_TREES_H
 
@@ -33,7 +33,6 @@ struct TreeSummary {
     int maxDepth = 0;
     std::vector<TreeLeaf> leaves;  // left to right
     long long listed = 0;          // sum of the leaf counts
-    bool duplicateInLeaf = false;  // some leaf lists a triangle twice
     // Surface-area cost with traversal and triangle cost 1, relative to the
     // root box: sum over inner nodes of A(node) / A(root) plus sum over
     // leaves of count x A(leaf) / A(root). Zero unless a root box was given.
@@ -50,15 +49,6 @@ struct TreeSummary {
 // is wrong. With a root box the surface-area cost is filled in too.
 std::string checkTree(const KDTreeNode* tree, int size, int triangleCount, TreeSummary* summary,
                       const float* rootBox = nullptr);
-
-// Whether every triangle number 0..triangleCount-1 appears in some leaf.
-bool listsEveryTriangle(const TreeSummary& summary, int triangleCount);
-
-// The number of (triangle, leaf) pairs where the triangle's part inside the
-// root box reaches into the leaf's box (shrunk by a margin, so that touching
-// a face does not count) but the leaf does not list it. Each triangle
-// descends the tree clipped exactly, in double; no traversal is trusted.
-int missingFromLeaves(const KDTreeNode* tree, const Mesh& mesh, const float* rootBox);
 
 }  // namespace kelt
 
