@@ -20,11 +20,12 @@ namespace {
 using kelt::PackedTree;
 using kelt::Plane;
 using kelt::Planes3;
+using kelt::Query;
 using kelt::TreeNode;
 using V3 = std::array<float, 3>;
 
 constexpr float kFar = 3.4028235e38f;
-constexpr float kUnset = -7.5f;
+constexpr float kUnset = -7.0f;  // the hit coordinates before a query
 
 using Corners = std::array<V3, 3>;
 
@@ -52,51 +53,35 @@ kelt::Scene walls(std::vector<float> xs, float lo = 0.0f, float hi = 1.0f) {
     return scene(triangles);
 }
 
-struct Result {
-    KelStatus status;
-    std::vector<int> id, mask;
-    std::vector<float> t, u, v;
-};
+using Result = kelt::Answers;
 
-// Per-ray triples as three planes.
-struct Columns {
-    explicit Columns(const std::vector<V3>& rays) {
-        for (int a = 0; a < 3; ++a) {
-            for (const V3& r : rays) c[a].push_back(r[a]);
-            p[a] = c[a].data();
-        }
+// The rays as one row, from their origins (or all from the first one).
+kelt::Rays row(const std::vector<V3>& origins, const std::vector<V3>& dirs) {
+    kelt::Rays rays(int(dirs.size()), 1);
+    for (int i = 0; i < rays.count; ++i) {
+        rays.origin.set(i, origins[origins.size() == 1 ? 0 : size_t(i)].data());
+        rays.dir.set(i, dirs[size_t(i)].data());
     }
-    std::vector<float> c[3];
-    const float* p[3];
-};
+    return rays;
+}
 
 // Nearest hits for the given rays; origins.size() == 1 runs the eye query.
 Result nearest(const kelt::Scene& s, const float* box, const KDTreeNode* tree,
                const std::vector<V3>& origins, const std::vector<V3>& dirs,
                const std::vector<float>& distances) {
-    const size_t n = dirs.size();
-    Result r{0, std::vector<int>(n, 99), {}, distances, std::vector<float>(n, kUnset), {}};
-    r.v = r.u;
-    const Columns o(origins), d(dirs);
-    float* hit[2] = {r.u.data(), r.v.data()};
-    const IntersectContext ctx{box, s.accel.data(), tree};
-    r.status = origins.size() == 1
-                   ? kelrIntersectEyeSO_32f(origins[0].data(), d.p, r.t.data(), hit, r.id.data(),
-                                            &ctx, int(n), 1)
-                   : kelrIntersectMO_32f(o.p, d.p, r.t.data(), hit, r.id.data(), &ctx, int(n), 1);
-    return r;
+    kelt::Rays rays = row(origins, dirs);
+    rays.distance = distances;
+    const Query q = origins.size() == 1 ? Query::kEye : Query::kOwnOrigins;
+    return kelt::trace(q, {box, s.accel.data(), tree}, rays, 0);
 }
 
 // Shadow segments from the light; the context's box is null, since the
 // query must not read it.
 Result occluded(const kelt::Scene& s, const KDTreeNode* tree, const V3& light,
                 const std::vector<V3>& dirs, const std::vector<int>& masks) {
-    Result r{0, std::vector<int>(dirs.size(), 99), masks, {}, {}, {}};
-    const Columns d(dirs);
-    const IntersectContext ctx{nullptr, s.accel.data(), tree};
-    r.status = kelrIntersectAnySO_32f(light.data(), d.p, r.id.data(), r.mask.data(),
-                                      int(dirs.size()), 1, &ctx);
-    return r;
+    kelt::Rays rays = row({light}, dirs);
+    rays.mask = masks;
+    return kelt::trace(Query::kShadow, {nullptr, s.accel.data(), tree}, rays, 0);
 }
 
 TEST(IntersectEdges, MissesKeepTheirInputsAndZeroDistanceNeverHits) {
