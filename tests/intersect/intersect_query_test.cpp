@@ -1,18 +1,16 @@
 // The three queries on random soups and the shared meshes, through the
-// library's trees and a hand-built one, on camera-like blocks: the scalar path
+// one-leaf and PSAH trees, on camera-like blocks: the scalar path
 // (planes misaligned) must agree with the brute-force oracle ray by ray, up
 // to ties, and the four-ray path (aligned whole tiles) must give its bits
 // (shadow rays: the same masks, and ids that name an occluder of the ray).
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "oracle.h"
-#include "packed_tree.h"
 #include "queries.h"
 
 namespace {
@@ -21,42 +19,6 @@ using kelt::Query;
 
 constexpr int kW = 32, kH = 32, kRays = kW * kH;
 constexpr float kFar = 3.4028235e38f;
-
-// A scene and the trees it is traced through: small scenes get every kind,
-// meshes (where one leaf would test every triangle per ray) a PSAH tree,
-// which may list a triangle in several leaves.
-struct SceneTrees {
-    explicit SceneTrees(kelt::Mesh mesh, bool small) : scene(std::move(mesh)) {
-        if (small) {
-            addPacked("one leaf", *kelt::singleLeaf(scene.count()));
-            addBuilt("simple", KDT_BUILD_SIMPLE);
-        }
-        addBuilt("psah", KDT_BUILD_PSAH);
-    }
-    ~SceneTrees() {
-        for (KDTreeNode* tree : built) kelrKDTreeFree(tree);
-    }
-    void addPacked(const char* name, const kelt::TreeNode& root) {
-        packed.push_back(std::make_unique<kelt::PackedTree>(root));
-        trees.push_back({name, packed.back()->root()});
-    }
-    void addBuilt(const char* name, uint32_t algorithm) {
-        const KDTreeBuildContext context{algorithm, 30, 0.5f, 256, nullptr};
-        int size = 0;
-        built.push_back(nullptr);
-        const kelt::Mesh& m = scene.mesh;
-        ASSERT_EQ(KEL_STS_OK,
-                  kelrKDTreeBuildAlloc(&built.back(), m.vertices.data(), m.triangles.data(),
-                                       m.vertexCount(), m.triangleCount(), &size, &context))
-            << name;
-        trees.push_back({name, built.back()});
-    }
-
-    kelt::Scene scene;
-    std::vector<std::pair<std::string, const KDTreeNode*>> trees;
-    std::vector<std::unique_ptr<kelt::PackedTree>> packed;
-    std::vector<KDTreeNode*> built;
-};
 
 // Eye rays from outside the box (or near its centre) through a grid around
 // the box centre, with special tiles: axial rays with -0.0 and tiny
@@ -218,14 +180,14 @@ void checkShadow(const kelt::Scene& s, const kelt::Rays& rays, const std::vector
     EXPECT_LT(count, kRays);
 }
 
-void checkScene(const std::string& name, const SceneTrees& st) {
+void checkScene(const std::string& name, const kelt::TracedScene& st) {
+    ASSERT_EQ(KEL_STS_OK, st.psahStatus);
     for (int inside = 0; inside < 2; ++inside) {
         const Workload w(st.scene, inside != 0);
-        for (auto& [treeName, tree] : st.trees)
+        for (auto& [treeName, context] : st.trees)
             for (Query q : kelt::kQueries) {
                 SCOPED_TRACE(name + "/" + treeName + (inside ? "/inside" : "/outside") +
                              ", query " + std::to_string(int(q)));
-                const IntersectContext context = st.scene.context(tree);
                 const kelt::Answers scalar = kelt::trace(q, context, w.rays(q), 1),
                                     packet = kelt::trace(q, context, w.rays(q), 0);
                 ASSERT_TRUE(scalar.status == KEL_STS_OK && packet.status == KEL_STS_OK);
@@ -240,7 +202,7 @@ void checkScene(const std::string& name, const SceneTrees& st) {
 
 TEST(IntersectQueries, RandomSoups) {
     for (uint32_t seed : {1u, 2u}) {
-        const SceneTrees st(kelt::randomSoup(seed, 400), true);
+        const kelt::TracedScene st(kelt::randomSoup(seed, 400), true);
         checkScene("soup " + std::to_string(seed), st);
     }
 }
@@ -250,7 +212,7 @@ TEST(IntersectQueries, SharedMeshes) {
         kelt::Mesh mesh;
         if (!kelt::loadSharedMesh(file, &mesh))
             GTEST_SKIP() << "shared mesh " << file << " not found (../shared/data/meshes)";
-        checkScene(file, SceneTrees(mesh, false));
+        checkScene(file, kelt::TracedScene(mesh, false));
     }
 }
 
@@ -270,7 +232,7 @@ TEST(IntersectQueries, TilesShadowedByTheCachedOccluder) {
         }
         mesh.addTriangle(corner[0], corner[1], corner[2]);
     }
-    const SceneTrees st(mesh, true);
+    const kelt::TracedScene st(mesh, true);
     const float light[3] = {0.5f, 5.0f, 0.5f};
     kelt::Rays rays(kW, kH);
     for (int i = 0; i < kRays; ++i) {
@@ -280,9 +242,9 @@ TEST(IntersectQueries, TilesShadowedByTheCachedOccluder) {
         rays.dir.set(i, d);
         rays.mask[size_t(i)] = i % 13 == 0 ? -1 : 0;
     }
-    for (auto& [treeName, tree] : st.trees) {
+    for (auto& [treeName, context] : st.trees) {
         SCOPED_TRACE(treeName);
-        const kelt::Answers a = kelt::trace(Query::kShadow, st.scene.context(tree), rays, 0);
+        const kelt::Answers a = kelt::trace(Query::kShadow, context, rays, 0);
         ASSERT_EQ(KEL_STS_OK, a.status);
         for (int i = 0; i < kRays; ++i)
             ASSERT_TRUE(a.mask[i] == -1 && a.id[i] == (i % 13 == 0 ? -1 : 0))

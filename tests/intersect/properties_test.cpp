@@ -5,42 +5,16 @@
 
 #include <cmath>
 #include <random>
-#include <utility>
 #include <vector>
 
 #include "oracle.h"
 #include "queries.h"
-#include "trees.h"
 
 namespace {
 
 using kelt::Query;
 
 constexpr int kSide = 32, kRays = kSide * kSide;
-
-// A scene traced through the one-leaf tree and a PSAH tree.
-struct SceneTrees {
-    explicit SceneTrees(kelt::Mesh m)
-        : scene(std::move(m)), oneLeaf(kelt::oneLeafTree(scene.count())) {
-        const kelt::Mesh& mesh = scene.mesh;
-        const KDTreeBuildContext context = {KDT_BUILD_PSAH, 50, 0.5f,
-                                            kelt::psahBudgetMiB(mesh.vertexCount(), scene.count()),
-                                            nullptr};
-        int size = 0;
-        EXPECT_EQ(KEL_STS_OK,
-                  kelrKDTreeBuildAlloc(&psah, mesh.vertices.data(), mesh.triangles.data(),
-                                       mesh.vertexCount(), scene.count(), &size, &context));
-    }
-    ~SceneTrees() { kelrKDTreeFree(psah); }
-    std::vector<std::pair<const char*, IntersectContext>> contexts() const {
-        return {{"one leaf", scene.context(reinterpret_cast<const KDTreeNode*>(oneLeaf.data()))},
-                {"psah", scene.context(psah)}};
-    }
-
-    kelt::Scene scene;
-    std::vector<int32_t> oneLeaf;
-    KDTreeNode* psah = nullptr;
-};
 
 // Random rays into the unit cube from inside and outside it, with the
 // directions that trouble packets: axial ones with -0.0 and tiny
@@ -66,9 +40,10 @@ kelt::Rays randomRays(unsigned seed) {
 
 TEST(Properties, FourRayPathAnswersAsTheScalarPathOnRandomSoups) {
     for (unsigned seed : {1u, 2u}) {
-        const SceneTrees st(kelt::randomSoup(seed, 2000));
+        const kelt::TracedScene st(kelt::randomSoup(seed, 2000), true);
+        ASSERT_EQ(KEL_STS_OK, st.psahStatus);
         const kelt::Rays rays = randomRays(seed);
-        for (const auto& [tree, context] : st.contexts())
+        for (const auto& [tree, context] : st.trees)
             for (Query q : kelt::kQueries) {
                 SCOPED_TRACE(testing::Message()
                              << "soup " << seed << ", " << tree << ", query " << int(q));
@@ -124,12 +99,13 @@ kelt::Rays raysFromInside(const kelt::Mesh& mesh, bool ownOrigins) {
 // both surfaces is shared by two triangles.
 TEST(Properties, RaysFromInsideAClosedSurfaceAlwaysHitIt) {
     for (const kelt::Mesh& mesh : {kelt::closedBox(6), kelt::closedSphere(40, 20)}) {
-        const SceneTrees st(mesh);
+        const kelt::TracedScene st(mesh, true);
+        ASSERT_EQ(KEL_STS_OK, st.psahStatus);
         for (Query q : kelt::kQueries) {
             const kelt::Rays rays = raysFromInside(mesh, q == Query::kOwnOrigins);
             float light[3];
             rays.origin.get(0, light);
-            for (const auto& [tree, context] : st.contexts())
+            for (const auto& [tree, context] : st.trees)
                 for (int misalign : {0, 1}) {
                     SCOPED_TRACE(testing::Message()
                                  << mesh.triangleCount() << " triangles, " << tree << ", query "

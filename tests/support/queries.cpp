@@ -2,11 +2,32 @@
 
 #include <utility>
 
+#include "trees.h"
+
 namespace kelt {
 
 Scene::Scene(Mesh m) : mesh(std::move(m)), accel(size_t(mesh.triangleCount())) {
     kelrTriangleAccelInit(accel.data(), mesh.vertices.data(), mesh.triangles.data(), count());
     vertexBounds(mesh, box);
+}
+
+TracedScene::TracedScene(Mesh mesh, bool withOneLeaf) : scene(std::move(mesh)) {
+    const Mesh& m = scene.mesh;
+    if (withOneLeaf) {
+        oneLeaf_ = oneLeafTree(m.triangleCount());
+        trees.push_back(
+            {"one leaf", scene.context(reinterpret_cast<KDTreeNode*>(oneLeaf_.data()))});
+    }
+    const KDTreeBuildContext context = {KDT_BUILD_PSAH, 50, 0.5f,
+                                        psahBudgetMiB(m.vertexCount(), m.triangleCount()), nullptr};
+    int size = 0;
+    psahStatus = kelrKDTreeBuildAlloc(&psah_, m.vertices.data(), m.triangles.data(),
+                                      m.vertexCount(), m.triangleCount(), &size, &context);
+    trees.push_back({"psah", scene.context(psah_)});
+}
+
+TracedScene::~TracedScene() {
+    kelrKDTreeFree(psah_);
 }
 
 Answers trace(Query q, const IntersectContext& context, const Rays& rays, int misalign) {

@@ -4,6 +4,8 @@
 #ifndef KEL_TEST_QUERIES_H
 #define KEL_TEST_QUERIES_H
 
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "arrays.h"
@@ -23,6 +25,24 @@ struct Scene {
     float box[6];
     int count() const { return mesh.triangleCount(); }
     IntersectContext context(const KDTreeNode* tree) const { return {box, accel.data(), tree}; }
+};
+
+// A scene with the trees it is traced through: the one-leaf tree (left out
+// of large meshes, where every ray would test every triangle) and a PSAH
+// tree, which may list a triangle in several leaves.
+struct TracedScene {
+    TracedScene(Mesh mesh, bool withOneLeaf);
+    ~TracedScene();
+    TracedScene(const TracedScene&) = delete;
+    TracedScene& operator=(const TracedScene&) = delete;
+
+    Scene scene;
+    KelStatus psahStatus;
+    std::vector<std::pair<std::string, IntersectContext>> trees;
+
+  private:
+    std::vector<int32_t> oneLeaf_;
+    KDTreeNode* psah_ = nullptr;
 };
 
 // Eye and shadow rays start at the first origin; a shadow ray is the
