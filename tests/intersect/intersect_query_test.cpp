@@ -12,6 +12,7 @@
 
 #include "oracle.h"
 #include "queries.h"
+#include "soups.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 
 #include "oracle.h"
 #include "queries.h"
+#include "soups.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "alloc_count.h"
+#include "soups.h"
 #include "trees.h"
 
 namespace {

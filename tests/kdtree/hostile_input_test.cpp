@@ -14,6 +14,7 @@
 
 #include "alloc_count.h"
 #include "queries.h"
+#include "soups.h"
 #include "trees.h"
 
 namespace {

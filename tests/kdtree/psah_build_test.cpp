@@ -8,6 +8,7 @@
 
 #include "alloc_count.h"
 #include "kdtree/psah.h"
+#include "soups.h"
 #include "trees.h"
 
 namespace {

@@ -10,6 +10,7 @@
 #include <tuple>
 #include <vector>
 
+#include "soups.h"
 #include "trees.h"
 
 namespace {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "soups.h"
 #include "trees.h"
 
 namespace {

@@ -15,6 +15,7 @@
 #include "options.h"
 #include "scene_accel.h"
 #include "shapes.h"
+#include "soups.h"
 #include "trees.h"
 
 namespace {

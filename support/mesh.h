@@ -1,7 +1,7 @@
-// Triangle meshes for tests and benchmarks: a Wavefront OBJ reader, the
-// shared mesh folder, seeded random soups and closed shapes.
-#ifndef KEL_TEST_MESH_H
-#define KEL_TEST_MESH_H
+// Triangle meshes for tests and benchmarks: a Wavefront OBJ reader and the
+// shared mesh folder.
+#ifndef KEL_SUPPORT_MESH_H
+#define KEL_SUPPORT_MESH_H
 
 #include <string>
 #include <vector>
@@ -35,20 +35,6 @@ std::string sharedMeshDir();
 // Loads stanford-bunny.obj, teapot.obj, ... from the shared folder; false
 // when the folder or file is absent.
 bool loadSharedMesh(const std::string& fileName, Mesh* mesh);
-
-// A seeded soup in the unit cube that mixes small random triangles with what
-// makes builders and traversals work hard: triangles in a few shared planes
-// (coplanar and axis-aligned, on a coarse grid so that coordinates repeat),
-// degenerate ones (a repeated corner, collinear corners, a single point),
-// large ones that cross many cells, and neighbours that share an edge or
-// repeat a triangle exactly (ties between hits).
-Mesh randomSoup(unsigned seed, int triangleCount);
-
-// Closed surfaces around (0.5, 0.5, 0.5), every edge shared by two
-// triangles: the faces of the unit cube cut into cells x cells squares, and
-// a sphere of radius 0.45 with the given slices and stacks.
-Mesh closedBox(int cells);
-Mesh closedSphere(int slices, int stacks);
 
 // Componentwise bounds of the vertices.
 void vertexBounds(const Mesh& mesh, float box[6]);

@@ -1,8 +1,8 @@
 // Packed kd-tree blocks for tests and benchmarks: the reference one-leaf
 // tree, a budget that fits a PSAH build, and a checker of the block format
 // that gathers the tree's figures.
-#ifndef KEL_TEST_TREES_H
-#define KEL_TEST_TREES_H
+#ifndef KEL_SUPPORT_TREES_H
+#define KEL_SUPPORT_TREES_H
 
 #include <cstdint>
 #include <string>

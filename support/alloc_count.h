@@ -2,8 +2,8 @@
 // leak tests and for the build benchmark's peak memory, and that can refuse
 // one chosen allocation for the fault-injection tests. Every block carries
 // its size in a 16-byte prefix, so a release knows how much it returns.
-#ifndef KEL_TEST_ALLOC_COUNT_H
-#define KEL_TEST_ALLOC_COUNT_H
+#ifndef KEL_SUPPORT_ALLOC_COUNT_H
+#define KEL_SUPPORT_ALLOC_COUNT_H
 
 #include <atomic>
 #include <cstddef>
