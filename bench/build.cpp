@@ -17,10 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "../tests/kdtree/alloc_count.h"
-#include "../tests/kdtree/psah_support.h"
-#include "../tests/kdtree/tree_check.h"
+#include "alloc_count.h"
 #include "kelr.h"
+#include "trees.h"
 #include "workload.h"
 #ifdef KELB_HAVE_EMBREE
 #include "embree_scene.h"

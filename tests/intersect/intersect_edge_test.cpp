@@ -13,84 +13,79 @@
 
 #include "intersect/packet.h"
 #include "packed_tree.h"
-#include "scene.h"
+#include "queries.h"
 
 namespace {
 
 using kelt::PackedTree;
 using kelt::Plane;
 using kelt::Planes3;
-using kelt::TestScene;
+using kelt::Query;
 using kelt::TreeNode;
 using V3 = std::array<float, 3>;
 
 constexpr float kFar = 3.4028235e38f;
-constexpr float kUnset = -7.5f;
+constexpr float kUnset = -7.0f;  // the hit coordinates before a query
+
+using Corners = std::array<V3, 3>;
+
+// A scene of the given triangles.
+kelt::Scene scene(const std::vector<Corners>& triangles) {
+    kelt::Mesh mesh;
+    for (const Corners& t : triangles) {
+        int c[3];
+        for (int k = 0; k < 3; ++k) c[k] = mesh.addVertex(t[k][0], t[k][1], t[k][2]);
+        mesh.addTriangle(c[0], c[1], c[2]);
+    }
+    return kelt::Scene(mesh);
+}
 
 // A triangle in the plane x = at covering y, z in [lo, hi] (and more).
-void addWall(TestScene* s, float at, float lo = 0.0f, float hi = 1.0f) {
+Corners wall(float at, float lo = 0.0f, float hi = 1.0f) {
     const float span = hi - lo;
-    const float a[3] = {at, lo, lo}, b[3] = {at, lo + 2 * span, lo}, c[3] = {at, lo, lo + 2 * span};
-    s->addTriangle(a, b, c);
+    return {V3{at, lo, lo}, V3{at, lo + 2 * span, lo}, V3{at, lo, lo + 2 * span}};
 }
 
-// A finished scene of walls at the given x, all covering [lo, hi].
-TestScene walls(std::vector<float> xs, float lo = 0.0f, float hi = 1.0f) {
-    TestScene s;
-    for (float x : xs) addWall(&s, x, lo, hi);
-    s.finish();
-    return s;
+// A scene of walls at the given x, all covering [lo, hi].
+kelt::Scene walls(std::vector<float> xs, float lo = 0.0f, float hi = 1.0f) {
+    std::vector<Corners> triangles;
+    for (float x : xs) triangles.push_back(wall(x, lo, hi));
+    return scene(triangles);
 }
 
-struct Result {
-    KelStatus status;
-    std::vector<int> id, mask;
-    std::vector<float> t, u, v;
-};
+using Result = kelt::Answers;
 
-// Per-ray triples as three planes.
-struct Columns {
-    explicit Columns(const std::vector<V3>& rays) {
-        for (int a = 0; a < 3; ++a) {
-            for (const V3& r : rays) c[a].push_back(r[a]);
-            p[a] = c[a].data();
-        }
+// The rays as one row, from their origins (or all from the first one).
+kelt::Rays row(const std::vector<V3>& origins, const std::vector<V3>& dirs) {
+    kelt::Rays rays(int(dirs.size()), 1);
+    for (int i = 0; i < rays.count; ++i) {
+        rays.origin.set(i, origins[origins.size() == 1 ? 0 : size_t(i)].data());
+        rays.dir.set(i, dirs[size_t(i)].data());
     }
-    std::vector<float> c[3];
-    const float* p[3];
-};
+    return rays;
+}
 
 // Nearest hits for the given rays; origins.size() == 1 runs the eye query.
-Result nearest(const TestScene& s, const float* box, const KDTreeNode* tree,
+Result nearest(const kelt::Scene& s, const float* box, const KDTreeNode* tree,
                const std::vector<V3>& origins, const std::vector<V3>& dirs,
                const std::vector<float>& distances) {
-    const size_t n = dirs.size();
-    Result r{0, std::vector<int>(n, 99), {}, distances, std::vector<float>(n, kUnset), {}};
-    r.v = r.u;
-    const Columns o(origins), d(dirs);
-    float* hit[2] = {r.u.data(), r.v.data()};
-    const IntersectContext ctx{box, s.accel.data(), tree};
-    r.status = origins.size() == 1
-                   ? kelrIntersectEyeSO_32f(origins[0].data(), d.p, r.t.data(), hit, r.id.data(),
-                                            &ctx, int(n), 1)
-                   : kelrIntersectMO_32f(o.p, d.p, r.t.data(), hit, r.id.data(), &ctx, int(n), 1);
-    return r;
+    kelt::Rays rays = row(origins, dirs);
+    rays.distance = distances;
+    const Query q = origins.size() == 1 ? Query::kEye : Query::kOwnOrigins;
+    return kelt::trace(q, {box, s.accel.data(), tree}, rays, 0);
 }
 
 // Shadow segments from the light; the context's box is null, since the
 // query must not read it.
-Result occluded(const TestScene& s, const KDTreeNode* tree, const V3& light,
+Result occluded(const kelt::Scene& s, const KDTreeNode* tree, const V3& light,
                 const std::vector<V3>& dirs, const std::vector<int>& masks) {
-    Result r{0, std::vector<int>(dirs.size(), 99), masks, {}, {}, {}};
-    const Columns d(dirs);
-    const IntersectContext ctx{nullptr, s.accel.data(), tree};
-    r.status = kelrIntersectAnySO_32f(light.data(), d.p, r.id.data(), r.mask.data(),
-                                      int(dirs.size()), 1, &ctx);
-    return r;
+    kelt::Rays rays = row({light}, dirs);
+    rays.mask = masks;
+    return kelt::trace(Query::kShadow, {nullptr, s.accel.data(), tree}, rays, 0);
 }
 
 TEST(IntersectEdges, MissesKeepTheirInputsAndZeroDistanceNeverHits) {
-    const TestScene s = walls({0.5f});
+    const kelt::Scene s = walls({0.5f});
     const PackedTree tree(*kelt::singleLeaf(1));
     // toward the wall; away from it; distance 0; zero direction; too short
     const std::vector<V3> dirs = {{1, 0, 0}, {-1, 0, 0}, {1, 0, 0}, {0, 0, 0}, {1, 0, 0}};
@@ -112,7 +107,7 @@ TEST(IntersectEdges, MissesKeepTheirInputsAndZeroDistanceNeverHits) {
 // not move; rays from many origins must start strictly inside it; shadow
 // segments ignore the box altogether.
 TEST(IntersectEdges, SlabsOfZeroDirectionComponents) {
-    const TestScene s = walls({0.5f}, -1.0f, 2.0f);
+    const kelt::Scene s = walls({0.5f}, -1.0f, 2.0f);
     const float unitBox[6] = {0, 0, 0, 1, 1, 1};
     const PackedTree tree(*kelt::singleLeaf(1));
     const V3 aboveBox = {-1.0f, 1.5f, 0.5f}, onMinY = {-1.0f, 0.0f, 0.5f},
@@ -127,7 +122,7 @@ TEST(IntersectEdges, SlabsOfZeroDirectionComponents) {
 }
 
 TEST(IntersectEdges, MultipleOriginDistanceLimits) {
-    const TestScene s = walls({4.999995f, 4.9999f}, -1.0f, 1.0f);
+    const kelt::Scene s = walls({4.999995f, 4.9999f}, -1.0f, 1.0f);
     // Each wall alone, so that the margin below the entry distance decides.
     for (int wall : {0, 1}) {
         const PackedTree tree(*TreeNode::leaf({wall}));
@@ -139,12 +134,10 @@ TEST(IntersectEdges, MultipleOriginDistanceLimits) {
 }
 
 TEST(IntersectEdges, ShadowSegmentsExcludeTheirEnds) {
-    TestScene s;
-    addWall(&s, 0.0f);              // through the light: t = 0
-    addWall(&s, 1.0f);              // through the lit points: t = 1
-    addWall(&s, 1.5f);              // behind them
-    addWall(&s, 0.5f, 0.0f, 0.2f);  // covers y + z <= 0.4 at x = 0.5
-    s.finish();
+    const kelt::Scene s = scene({wall(0.0f),                // through the light: t = 0
+                                 wall(1.0f),                // through the lit points: t = 1
+                                 wall(1.5f),                // behind them
+                                 wall(0.5f, 0.0f, 0.2f)});  // covers y + z <= 0.4 at x = 0.5
     const PackedTree tree(*kelt::singleLeaf(4));
     const V3 light = {0.0f, 0.5f, 0.05f};
     const std::vector<V3> dirs = {{1, -0.4f, 0}, {1, 0.3f, 0}, {1, 0.3f, 0}, {1, -0.4f, 0}};
@@ -155,10 +148,7 @@ TEST(IntersectEdges, ShadowSegmentsExcludeTheirEnds) {
 }
 
 TEST(IntersectEdges, RayThroughAVertexHits) {
-    TestScene s;
-    const float a[3] = {1, 0, 0}, b[3] = {0, 1, 0}, c[3] = {0, 0, 0};
-    s.addTriangle(a, b, c);
-    s.finish();
+    const kelt::Scene s = scene({{V3{1, 0, 0}, V3{0, 1, 0}, V3{0, 0, 0}}});
     const PackedTree tree(*kelt::singleLeaf(1));
     for (const V3& corner : {V3{1, 0, 0}, V3{0, 1, 0}, V3{0, 0, 0}}) {
         const V3 from = {corner[0], corner[1], 1.0f};
@@ -171,7 +161,7 @@ TEST(IntersectEdges, RayThroughAVertexHits) {
 // Walls at x = 0.25, 0.8, 0.1, 0.6, and two copies of one at 0.7. Trees that
 // file triangles in the wrong cell show which cells a ray visits.
 TEST(IntersectEdges, TraversalOrderAndEarlyTermination) {
-    const TestScene s = walls({0.25f, 0.8f, 0.1f, 0.6f, 0.7f, 0.7f}, -1.0f, 1.0f);
+    const kelt::Scene s = walls({0.25f, 0.8f, 0.1f, 0.6f, 0.7f, 0.7f}, -1.0f, 1.0f);
     auto split = [](float at, std::vector<int> below, std::vector<int> above) {
         return PackedTree(*TreeNode::inner(0, at, TreeNode::leaf(below), TreeNode::leaf(above)));
     };
@@ -209,7 +199,7 @@ PackedTree chainTree(int depth, const std::vector<int>& triangles) {
 }
 
 TEST(IntersectEdges, TraversalStackHoldsFiftyDeferredChildren) {
-    const TestScene s = walls({0.25f});
+    const kelt::Scene s = walls({0.25f});
     const float box[6] = {0, 0, 0, 1, 1, 1};
     // Ray 0 turns away from the plane (no deferral) and hits; ray 1 defers
     // one child per level; ray 2 must stay untouched after an overflow.
@@ -243,7 +233,7 @@ TEST(IntersectEdges, TraversalStackHoldsFiftyDeferredChildren) {
 // status, so the status tells which path a call took. Each per-ray plane
 // of a query, misaligned alone, must send it down the scalar path.
 TEST(IntersectEdges, DispatchByBlockShapeAndAlignment) {
-    const TestScene s = walls({0.25f});
+    const kelt::Scene s = walls({0.25f});
     const float box[6] = {0, 0, 0, 1, 1, 1};
     const PackedTree tree = chainTree(51, {0});
     const IntersectContext ctx{box, s.accel.data(), tree.root()};
@@ -283,7 +273,7 @@ TEST(IntersectEdges, DispatchByBlockShapeAndAlignment) {
 // Blocks without rays write nothing, on either path (width 0 or -4 with
 // aligned planes and 4 rows takes the four-ray path).
 TEST(IntersectEdges, EmptyBlocks) {
-    const TestScene s = walls({0.5f});
+    const kelt::Scene s = walls({0.5f});
     const PackedTree tree(*kelt::singleLeaf(1));
     const IntersectContext ctx = s.context(tree.root());
     Planes3 dir(4, 1.0f), hits(4);
@@ -293,10 +283,11 @@ TEST(IntersectEdges, EmptyBlocks) {
     for (auto [w, h] :
          {std::pair{0, 4}, std::pair{-4, 4}, std::pair{4, 0}, std::pair{-4, 2}, std::pair{2, -1}}) {
         EXPECT_EQ(KEL_STS_OK,
-                  kelrIntersectEyeSO_32f(o, dir.p, dist.data(), hits.p, id.data(), &ctx, w, h));
+                  kelrIntersectEyeSO_32f(o, dir.p(), dist.data(), hits.p(), id.data(), &ctx, w, h));
+        EXPECT_EQ(KEL_STS_OK, kelrIntersectMO_32f(dir.p(), dir.p(), dist.data(), hits.p(),
+                                                  id.data(), &ctx, w, h));
         EXPECT_EQ(KEL_STS_OK,
-                  kelrIntersectMO_32f(dir.p, dir.p, dist.data(), hits.p, id.data(), &ctx, w, h));
-        EXPECT_EQ(KEL_STS_OK, kelrIntersectAnySO_32f(o, dir.p, id.data(), mask.data(), w, h, &ctx));
+                  kelrIntersectAnySO_32f(o, dir.p(), id.data(), mask.data(), w, h, &ctx));
     }
     for (int i = 0; i < 4; ++i) EXPECT_TRUE(id[i] == 9 && mask[i] == 0 && dist[i] == kFar) << i;
 }
@@ -305,12 +296,9 @@ TEST(IntersectEdges, EmptyBlocks) {
 // number, in one four-ray packet: the lanes must still find what the
 // scalar worker finds (the NaN ray nothing).
 TEST(IntersectEdges, UndefinedEyeRayHidesNoHits) {
-    TestScene s;
-    const float a[3] = {0.595923245f, 0.710457444f, 0.154319271f},
-                b[3] = {0.546393454f, 0.619260788f, 0.150560379f},
-                c[3] = {0.52102989f, 0.58924222f, 0.0166986585f};
-    s.addTriangle(a, b, c);
-    s.finish();
+    const kelt::Scene s = scene({{V3{0.595923245f, 0.710457444f, 0.154319271f},
+                                  V3{0.546393454f, 0.619260788f, 0.150560379f},
+                                  V3{0.52102989f, 0.58924222f, 0.0166986585f}}});
     const PackedTree tree(*kelt::singleLeaf(1));
     const IntersectContext ctx = s.context(tree.root());
     const float eye[3] = {-0.5f, -0.4f, -0.3f},
@@ -320,12 +308,12 @@ TEST(IntersectEdges, UndefinedEyeRayHidesNoHits) {
     Plane<float> dist(16, kFar), scalarDist(16, kFar);
     Plane<int> id(16), scalarId(16);
     for (int i = 0; i < 16; ++i)
-        for (int a = 0; a < 3; ++a) dir.p[a][i] = toward[a] * scale[i % 4];
+        for (int a = 0; a < 3; ++a) dir.at(a, i) = toward[a] * scale[i % 4];
     ASSERT_EQ(KEL_STS_OK,
-              kelrIntersectEyeSO_32f(eye, dir.p, dist.data(), hit.p, id.data(), &ctx, 4, 4));
+              kelrIntersectEyeSO_32f(eye, dir.p(), dist.data(), hit.p(), id.data(), &ctx, 4, 4));
     ASSERT_EQ(KEL_STS_OK,
-              ownIntersectEyeBlock(eye, dir.p, s.box, s.accel.data(), tree.root(),
-                                   scalarDist.data(), scalarHit.p, scalarId.data(), 4, 4));
+              ownIntersectEyeBlock(eye, dir.p(), s.box, s.accel.data(), tree.root(),
+                                   scalarDist.data(), scalarHit.p(), scalarId.data(), 4, 4));
     for (int i = 0; i < 16; ++i)
         EXPECT_TRUE(scalarId[i] == (i % 4 == 1 ? -1 : 0) && id[i] == scalarId[i] &&
                     dist[i] == scalarDist[i])
@@ -336,7 +324,7 @@ TEST(IntersectEdges, UndefinedEyeRayHidesNoHits) {
 // only those whose mask entry is >= 0); the other lanes keep every output.
 // Every traced ray meets both walls, the later-listed one first.
 TEST(IntersectEdges, FourRayKernelsLeaveOtherLanesAlone) {
-    const TestScene s = walls({0.8f, 0.6f}, -1.0f, 1.0f);
+    const kelt::Scene s = walls({0.8f, 0.6f}, -1.0f, 1.0f);
     const PackedTree tree(*kelt::singleLeaf(2));
     const float eye[3] = {0.4f, 0.1f, 0.1f};
     Planes3 origin(4), dir(4);
@@ -354,22 +342,22 @@ TEST(IntersectEdges, FourRayKernelsLeaveOtherLanesAlone) {
             for (int i = 0; i < 4; ++i)
                 if (lanes >> i & 1) dist[i] = kFar;
             if (eyeQuery)
-                ownIntersectEyeBlock4x1(eye, dir.p, s.box, s.accel.data(), tree.root(), dist.data(),
-                                        hit.p, id.data(), lanes);
+                ownIntersectEyeBlock4x1(eye, dir.p(), s.box, s.accel.data(), tree.root(),
+                                        dist.data(), hit.p(), id.data(), lanes);
             else
-                ownIntersectBlock4x1(origin.p, dir.p, s.box, s.accel.data(), tree.root(),
-                                     dist.data(), hit.p, id.data(), lanes);
+                ownIntersectBlock4x1(origin.p(), dir.p(), s.box, s.accel.data(), tree.root(),
+                                     dist.data(), hit.p(), id.data(), lanes);
             for (int i = 0; i < 4; ++i) {
                 const bool traced = lanes >> i & 1;
                 EXPECT_TRUE(id[i] == (traced ? 1 : 99) &&
                             std::fabs(dist[i] - (traced ? 0.2f : 123.0f)) < 1e-6f &&
-                            traced == (hit.x[i] != 7.0f && hit.y[i] != 7.0f))
+                            traced == (hit[0][i] != 7.0f && hit[1][i] != 7.0f))
                     << i << ": " << id[i] << " at " << dist[i];
             }
         }
         Plane<int> id(4, 99), mask(4, 3);
         mask[1] = -2;
-        ownIntersectAnyBlock4x1(eye, dir.p, s.accel.data(), tree.root(), id.data(), mask.data(),
+        ownIntersectAnyBlock4x1(eye, dir.p(), s.accel.data(), tree.root(), id.data(), mask.data(),
                                 lanes);
         for (int i = 0; i < 4; ++i) {  // traced lanes name the first occluder listed
             const bool traced = (lanes >> i & 1) && i != 1;

@@ -14,14 +14,12 @@
 #define KEL_TEST_INTERSECT_ORACLE_H
 
 #include <cmath>
-#include <cstdint>
-#include <cstring>
 
-#include "kelr.h"
+#include "queries.h"
 
 namespace oracle {
 
-enum class Query { Eye, MultipleOrigin, Any };
+using kelt::Query;
 
 struct Hit {
     int id = -1;
@@ -31,7 +29,7 @@ struct Hit {
 // The acceptance margin below the current distance (the any-hit query has
 // none: it accepts 0 < t < 1).
 inline double margin(Query q) {
-    return q == Query::Eye ? 0x1p-23 : q == Query::MultipleOrigin ? double(1e-5f) : 0.0;
+    return q == Query::kEye ? 0x1p-23 : q == Query::kOwnOrigins ? double(1e-5f) : 0.0;
 }
 
 namespace detail {
@@ -80,10 +78,10 @@ bool testRecord(const TriangleAccel& rec, const float o[3], const float r[3], Re
 // current distance (ignored by the any-hit query). On a hit, fills t, u, v.
 inline bool testTriangle(Query q, const TriangleAccel& rec, const float o[3], const float r[3],
                          float distance, Hit* hit) {
-    if (q == Query::Eye)
+    if (q == Query::kEye)
         return detail::testRecord<long double>(rec, o, r, (long double)distance - 0x1p-23L,
                                                {0x1p-23L, 0x1p-23L}, hit);
-    if (q == Query::MultipleOrigin)
+    if (q == Query::kOwnOrigins)
         return detail::testRecord<float>(rec, o, r, distance - 1e-5f, {1.1920929e-6f, 1e-5f}, hit);
     return detail::testRecord<float>(rec, o, r, 1.0f, {0.0f, 0x1p-23f}, hit);
 }
@@ -107,7 +105,7 @@ inline Hit nearest(Query q, const TriangleAccel* accel, int count, const float o
 // True when triangle id occludes the segment origin + t r, 0 < t < 1.
 inline bool occludes(const TriangleAccel* accel, int id, const float o[3], const float r[3]) {
     Hit h;
-    return testTriangle(Query::Any, accel[id], o, r, 1.0f, &h);
+    return testTriangle(Query::kShadow, accel[id], o, r, 1.0f, &h);
 }
 
 // The first occluder in index order, or -1.
@@ -115,10 +113,6 @@ inline int anyOccluder(const TriangleAccel* accel, int count, const float o[3], 
     for (int n = 0; n < count; ++n)
         if (occludes(accel, n, o, r)) return n;
     return -1;
-}
-
-inline bool sameBits(float a, float b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
 // Whether a nearest-hit result (id, t, u, v) of a traversal agrees with the
@@ -130,12 +124,12 @@ inline bool agreesWithNearest(Query q, const TriangleAccel* accel, const float o
                               float t, float u, float v, bool* tie) {
     *tie = false;
     if (id == expected.id)
-        return id < 0 ||
-               (sameBits(t, expected.t) && sameBits(u, expected.u) && sameBits(v, expected.v));
+        return id < 0 || (kelt::sameBits(t, expected.t) && kelt::sameBits(u, expected.u) &&
+                          kelt::sameBits(v, expected.v));
     if (id < 0 || expected.id < 0) return false;
     Hit h;
-    if (!testTriangle(q, accel[id], o, r, entryDistance, &h) || !sameBits(h.t, t) ||
-        !sameBits(h.u, u) || !sameBits(h.v, v))
+    if (!testTriangle(q, accel[id], o, r, entryDistance, &h) || !kelt::sameBits(h.t, t) ||
+        !kelt::sameBits(h.u, u) || !kelt::sameBits(h.v, v))
         return false;
     // float rounding of both distances may add an ulp each
     const double slack = margin(q) + 2.0 * std::ldexp(std::fabs(double(t)), -23);

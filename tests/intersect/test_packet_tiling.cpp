@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "arrays.h"
 #include "intersect/packet.h"
-#include "scene.h"
 
 namespace {
 
@@ -47,17 +47,17 @@ struct Block {
     Block(int width, int height)
         : width(width), height(height), dir(width * height, 1.0f), mask(width * height, 0) {}
     void point(int ray, int octant) {
-        dir.x[ray] = octant & 1 ? -1.0f : 1.0f;
-        dir.y[ray] = octant & 2 ? -1.0f : 1.0f;
-        dir.z[ray] = octant & 4 ? -1.0f : 1.0f;
+        dir[0][ray] = octant & 1 ? -1.0f : 1.0f;
+        dir[1][ray] = octant & 2 ? -1.0f : 1.0f;
+        dir[2][ray] = octant & 4 ? -1.0f : 1.0f;
     }
     std::string trace(bool shadow) {
         std::vector<int> ids(size_t(width * height), 7);
         recorder.ids = &ids;
         recorder.mask = mask.data();
-        EXPECT_EQ(KEL_STS_OK, shadow ? kel::packet::traceShadowTiles(recorder, dir.p, ids.data(),
+        EXPECT_EQ(KEL_STS_OK, shadow ? kel::packet::traceShadowTiles(recorder, dir.p(), ids.data(),
                                                                      mask.data(), width, height)
-                                     : kel::packet::traceNearestTiles(recorder, dir.p, ids.data(),
+                                     : kel::packet::traceNearestTiles(recorder, dir.p(), ids.data(),
                                                                       width, height));
         return recorder.calls;
     }
@@ -72,9 +72,9 @@ TEST(PacketTiling, NearestTiles) {
     // not negative.
     Block z(4, 4);
     for (int i = 0; i < 16; ++i) {
-        z.dir.x[i] = -0.0f;
-        z.dir.y[i] = std::nanf("");
-        z.dir.z[i] = i % 2 ? -0.0f : 0.0f;
+        z.dir[0][i] = -0.0f;
+        z.dir[1][i] = std::nanf("");
+        z.dir[2][i] = i % 2 ? -0.0f : 0.0f;
     }
     EXPECT_EQ("2@0/F 2@8/F", z.trace(false));
     // Any single octant, and the second call starts two rows further on.

@@ -62,7 +62,7 @@ TEST(TriangleAccel, AxisChoiceTiesAndFlatFlag) {
     for (float dy : {1.0f, -1.0f}) {
         const float o[3] = {0.25f, -dy, 0.25f}, r[3] = {0, dy, 0};
         oracle::Hit h;
-        ASSERT_TRUE(oracle::testTriangle(oracle::Query::Eye, rec[4], o, r, 10, &h));
+        ASSERT_TRUE(oracle::testTriangle(oracle::Query::kEye, rec[4], o, r, 10, &h));
         EXPECT_TRUE(h.t == 1.0f && h.u == 0.25f && h.v == 0.25f) << h.t << " " << h.u << " " << h.v;
     }
 }
@@ -121,7 +121,7 @@ TEST(TriangleAccel, RecordsReproduceTheGeometry) {
         }
         if (std::fabs(along) < 0.3) continue;
         oracle::Hit h;
-        ASSERT_TRUE(oracle::testTriangle(oracle::Query::Eye, rec[0], o, r, 10, &h)) << trial;
+        ASSERT_TRUE(oracle::testTriangle(oracle::Query::kEye, rec[0], o, r, 10, &h)) << trial;
         EXPECT_TRUE(std::fabs(2.0 - h.t) < 1e-3 && std::fabs(a - h.u) < 2e-3 &&
                     std::fabs(b - h.v) < 2e-3)
             << trial;

@@ -10,45 +10,16 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <string>
 #include <vector>
 
-#include "../intersect/scene.h"
 #include "alloc_count.h"
-#include "psah_support.h"
-#include "tree_check.h"
+#include "queries.h"
+#include "soups.h"
+#include "trees.h"
 
 namespace {
 
 constexpr float kNaN = NAN, kInf = INFINITY, kDenormal = 1e-40f;
-constexpr uint32_t kCanary = 0xA5C3E1F7u;
-
-// An output array between canaries, `misalign` elements past a 16-byte
-// boundary (1 sends the queries down their scalar path).
-template <typename T>
-class Guarded {
-  public:
-    Guarded(int n, T fill, int misalign) : n_(n), store_(size_t(n) + 16) {
-        for (T& word : store_) std::memcpy(&word, &kCanary, 4);
-        const uintptr_t start = reinterpret_cast<uintptr_t>(store_.data() + 4);
-        data_ = reinterpret_cast<T*>((start + 15) & ~uintptr_t(15)) + misalign;
-        for (int i = 0; i < n; ++i) data_[i] = fill;
-    }
-    T* data() { return data_; }
-    T& operator[](int i) { return data_[i]; }
-    bool intact() const {
-        for (const T& word : store_) {
-            const bool inside = &word >= data_ && &word < data_ + n_;
-            if (!inside && std::memcmp(&word, &kCanary, 4) != 0) return false;
-        }
-        return true;
-    }
-
-  private:
-    int n_;
-    std::vector<T> store_;
-    T* data_;
-};
 
 struct HostileMesh {
     const char* name;
@@ -105,89 +76,49 @@ bool isHostile(int ray) {
     return ray % 3 == 1;
 }
 
-// Ray i's direction from the eye (0.5, 0.5, -2) into the unit cube, or a
-// hostile one.
-void direction(int ray, bool hostile, float d[3]) {
-    if (hostile && isHostile(ray))
-        return (void)std::memcpy(d, kHostileVectors[ray / 3 % kHostileVectorCount], 12);
-    d[0] = (float(ray % kWidth) + 0.5f) / kWidth - 0.5f;
-    d[1] = (float(ray / kWidth) + 0.5f) / kHeight - 0.5f;
-    d[2] = 2.5f;
-}
-
-// What a block of rays answers; the planes are checked for writes outside.
-struct Answers {
-    std::vector<float> distance;
-    std::vector<int> mask;
-};
-
-enum class Query { kEye, kMultipleOrigins, kShadow };
-
-Answers trace(Query query, const IntersectContext& context, int triangleCount, bool hostile,
-              int misalign) {
+// Rays from the eye (0.5, 0.5, -2) into the unit cube, every fifth one
+// masked off for shadow rays; with `hostile`, every third ray has a hostile
+// direction and for rays with their own origins every sixth a hostile origin.
+kelt::Rays rays(bool hostile) {
+    kelt::Rays r(kWidth, kHeight);
     const float eye[3] = {0.5f, 0.5f, -2.0f};
-    Guarded<float> dir[3] = {{kRays, 0, misalign}, {kRays, 0, misalign}, {kRays, 0, misalign}};
-    Guarded<float> from[3] = {{kRays, 0, misalign}, {kRays, 0, misalign}, {kRays, 0, misalign}};
-    Guarded<float> distance(kRays, 1e30f, misalign), u(kRays, 0, misalign), v(kRays, 0, misalign);
-    Guarded<int> id(kRays, 7, misalign), mask(kRays, 0, misalign);
     for (int i = 0; i < kRays; ++i) {
-        float d[3];
-        direction(i, hostile, d);
-        const bool odd = query == Query::kMultipleOrigins && hostile && i % 6 == 4;
-        for (int a = 0; a < 3; ++a) {
-            dir[a][i] = d[a];
-            from[a][i] = odd ? kHostileVectors[i % kHostileVectorCount][a] : eye[a];
-        }
-        if (i % 5 == 3) mask[i] = -1;  // not traced
+        float d[3] = {(float(i % kWidth) + 0.5f) / kWidth - 0.5f,
+                      (float(i / kWidth) + 0.5f) / kHeight - 0.5f, 2.5f};
+        r.dir.set(i, hostile && isHostile(i) ? kHostileVectors[i / 3 % kHostileVectorCount] : d);
+        r.origin.set(i, hostile && i % 6 == 4 ? kHostileVectors[i % kHostileVectorCount] : eye);
+        r.distance[size_t(i)] = 1e30f;
+        r.mask[size_t(i)] = i % 5 == 3 ? -1 : 0;
     }
-    const float* dirs[3] = {dir[0].data(), dir[1].data(), dir[2].data()};
-    const float* origins[3] = {from[0].data(), from[1].data(), from[2].data()};
-    float* hit[2] = {u.data(), v.data()};
-    KelStatus status = KEL_STS_OK;
-    if (query == Query::kEye)
-        status = kelrIntersectEyeSO_32f(eye, dirs, distance.data(), hit, id.data(), &context,
-                                        kWidth, kHeight);
-    else if (query == Query::kMultipleOrigins)
-        status = kelrIntersectMO_32f(origins, dirs, distance.data(), hit, id.data(), &context,
-                                     kWidth, kHeight);
-    else
-        status =
-            kelrIntersectAnySO_32f(eye, dirs, id.data(), mask.data(), kWidth, kHeight, &context);
-    EXPECT_TRUE(status == KEL_STS_OK || status == KEL_STS_NO_MEM) << status;
-    for (Guarded<float>* plane :
-         {&dir[0], &dir[1], &dir[2], &from[0], &from[1], &from[2], &distance, &u, &v})
-        EXPECT_TRUE(plane->intact()) << "a float plane was written outside";
-    EXPECT_TRUE(id.intact() && mask.intact()) << "an int plane was written outside";
-    Answers answers;
-    for (int i = 0; i < kRays; ++i) {
-        const bool traced = query != Query::kShadow || i % 5 != 3;
-        if (traced)
-            EXPECT_TRUE(id[i] >= -1 && id[i] < triangleCount) << "ray " << i << ": " << id[i];
-        answers.distance.push_back(distance[i]);
-        answers.mask.push_back(mask[i]);
-    }
-    return answers;
+    return r;
 }
 
-// Both paths, each query, ordinary rays alone and mixed with hostile ones.
+// Both paths, each query, ordinary rays alone and mixed with hostile ones:
+// a status, ids in range, no stray writes, and the same answers for the
+// ordinary rays either way.
 void traceEverything(const kelt::Mesh& mesh, const KDTreeNode* tree) {
-    kelt::TestScene scene;
-    scene.vertices = mesh.vertices;
-    scene.triangles = mesh.triangles;
-    scene.finish();
-    const IntersectContext context = scene.context(tree);
-    for (Query query : {Query::kEye, Query::kMultipleOrigins, Query::kShadow})
+    std::vector<TriangleAccel> accel(size_t(mesh.triangleCount()));
+    kelrTriangleAccelInit(accel.data(), mesh.vertices.data(), mesh.triangles.data(),
+                          mesh.triangleCount());
+    float box[6];
+    kelt::vertexBounds(mesh, box);
+    const IntersectContext context = {box, accel.data(), tree};
+    const kelt::Rays clean = rays(false), mixed = rays(true);
+    for (kelt::Query query : kelt::kQueries)
         for (int misalign : {0, 1}) {
             SCOPED_TRACE(testing::Message() << "query " << int(query) << ", misalign " << misalign);
-            const Answers clean = trace(query, context, mesh.triangleCount(), false, misalign);
-            const Answers mixed = trace(query, context, mesh.triangleCount(), true, misalign);
+            const kelt::Answers a = trace(query, context, clean, misalign),
+                                b = trace(query, context, mixed, misalign);
+            for (const kelt::Answers& answers : {a, b}) {
+                EXPECT_TRUE(answers.status == KEL_STS_OK || answers.status == KEL_STS_NO_MEM);
+                EXPECT_TRUE(answers.intact) << "a plane was written outside";
+                for (int id : answers.id) EXPECT_TRUE(id >= -1 && id < mesh.triangleCount()) << id;
+            }
             for (int i = 0; i < kRays; ++i) {
                 if (isHostile(i)) continue;  // hostile origins are on hostile rays too
                 // Of two triangles within the hit margin either may be found.
-                EXPECT_NEAR(clean.distance[i], mixed.distance[i],
-                            1e-6f * std::fabs(clean.distance[i]) + 1e-6f)
-                    << i;
-                EXPECT_EQ(clean.mask[i], mixed.mask[i]) << i;
+                EXPECT_NEAR(a.t[i], b.t[i], 1e-6f * std::fabs(a.t[i]) + 1e-6f) << i;
+                EXPECT_EQ(a.mask[i], b.mask[i]) << i;
             }
         }
 }

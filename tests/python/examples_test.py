@@ -9,7 +9,7 @@ from pathlib import Path
 
 import numpy as np
 
-RENDER = Path(__file__).resolve().parents[1] / "examples" / "render.py"
+RENDER = Path(__file__).resolve().parents[2] / "python" / "examples" / "render.py"
 TETRAHEDRON = "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 0 0 1\nf 1 3 2\nf 1 2 4\nf 1 4 3\nf 2 3 4\n"
 
 

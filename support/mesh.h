@@ -1,7 +1,7 @@
 // Triangle meshes for tests and benchmarks: a Wavefront OBJ reader and the
-// lookup of the shared mesh folder.
-#ifndef KEL_TEST_MESH_H
-#define KEL_TEST_MESH_H
+// shared mesh folder.
+#ifndef KEL_SUPPORT_MESH_H
+#define KEL_SUPPORT_MESH_H
 
 #include <string>
 #include <vector>
@@ -15,8 +15,11 @@ struct Mesh {
     int triangleCount() const { return int(triangles.size() / 4); }
     void addTriangle(int a, int b, int c) { triangles.insert(triangles.end(), {a, b, c, 0}); }
     int addVertex(float x, float y, float z) {
-        vertices.insert(vertices.end(), {x, y, z});
+        for (float c : {x, y, z}) vertices.push_back(c);
         return vertexCount() - 1;
+    }
+    const float* corner(int triangle, int k) const {
+        return &vertices[3 * size_t(triangles[4 * size_t(triangle) + size_t(k)])];
     }
 };
 
@@ -32,6 +35,9 @@ std::string sharedMeshDir();
 // Loads stanford-bunny.obj, teapot.obj, ... from the shared folder; false
 // when the folder or file is absent.
 bool loadSharedMesh(const std::string& fileName, Mesh* mesh);
+
+// Componentwise bounds of the vertices.
+void vertexBounds(const Mesh& mesh, float box[6]);
 
 }  // namespace kelt
 

@@ -1,17 +1,20 @@
-// PSAH trees pinned by hash over the shared meshes: every depth, weight and
-// clip box below must give the very block it gave when the table was made,
-// on both targets and with any number of threads. A faster builder that
-// changes one byte of one tree fails here.
+// PSAH trees over the shared meshes and seeded soups, pinned by hash: every
+// depth, weight and clip box below must give the very block it gave when the
+// table was made (a sound tree, checked then), on both targets and with any
+// number of threads. A faster builder that changes one byte of one tree
+// fails here.
 #include <gtest/gtest.h>
 #include <omp.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <string>
+#include <vector>
 
-#include "mesh.h"
-#include "psah_support.h"
+#include "soups.h"
+#include "trees.h"
 
 namespace {
 
@@ -47,6 +50,26 @@ void middleBox(const kelt::Mesh& mesh, float box[6]) {
     }
 }
 
+// Seeded soups of 3000 triangles (see mesh.h), pinned the same way: they
+// need nothing from ../shared.
+constexpr Pin kSoupPins[] = {
+    {"soup 21", 30, 1.0f, false, 3244140, 0x9e7d94d2097e86a2ull},
+    {"soup 21", 30, 1.0f, true, 3307232, 0x988f5df6a2e896acull},
+    {"soup 22", 20, 0.0f, false, 275816, 0x76487453a3215846ull},
+    {"soup 22", 20, 0.0f, true, 297612, 0x8769bdd21275979full},
+    {"soup 3", 50, 0.5f, false, 492832, 0xfffdd98105da97caull},
+    {"soup 3", 50, 0.5f, true, 518544, 0x26d46d023fd6e274ull},
+};
+
+// "soup N" is the seeded soup, any other name a shared mesh.
+bool loadMesh(const std::string& name, kelt::Mesh* mesh) {
+    if (name.rfind("soup ", 0) == 0) {
+        *mesh = kelt::randomSoup(unsigned(std::stoi(name.substr(5))), 3000);
+        return true;
+    }
+    return kelt::loadSharedMesh(name + ".obj", mesh);
+}
+
 struct Built {
     KelStatus status;
     int size;
@@ -66,18 +89,15 @@ Built build(const kelt::Mesh& mesh, int maxDepth, float weight, const float* cli
     return b;
 }
 
-bool loadMesh(const std::string& name, kelt::Mesh* mesh) {
-    return kelt::loadSharedMesh(name + ".obj", mesh);
-}
-
-TEST(PsahTreeHash, SharedMeshesBuildTheirPinnedTrees) {
+TEST(PsahTree, PinnedTreesAreRebuiltExactly) {
+    std::vector<Pin> pins(std::begin(kSoupPins), std::end(kSoupPins));
+    pins.insert(pins.end(), std::begin(kPins), std::end(kPins));
     kelt::Mesh mesh;
     std::string loaded;
-    for (const Pin& pin : kPins) {
-        if (loaded != pin.mesh) {
-            if (!loadMesh(pin.mesh, &mesh)) GTEST_SKIP() << "shared meshes absent (../shared)";
-            loaded = pin.mesh;
-        }
+    for (const Pin& pin : pins) {
+        if (loaded != pin.mesh && !loadMesh(pin.mesh, &mesh))
+            GTEST_SKIP() << "shared meshes absent (../shared): checked the soups only";
+        loaded = pin.mesh;
         float box[6];
         middleBox(mesh, box);
         const Built b = build(mesh, pin.maxDepth, pin.weight, pin.clipped ? box : nullptr);
@@ -94,35 +114,29 @@ TEST(PsahTreeHash, SharedMeshesBuildTheirPinnedTrees) {
 }
 
 // The split search may run its axes on any number of threads: one thread
-// and several give the same tree.
-TEST(PsahTreeHash, ThreadCountDoesNotChangeTheTree) {
+// and several give the same tree, and so do two builds at once on the
+// caller's own threads.
+TEST(PsahTree, ThreadCountDoesNotChangeTheTree) {
+    const Pin& pin = kSoupPins[4];
     kelt::Mesh mesh;
-    if (!loadMesh("stanford-bunny", &mesh)) GTEST_SKIP() << "shared meshes absent (../shared)";
-    const Pin* pin = nullptr;
-    for (const Pin& p : kPins)
-        if (std::string(p.mesh) == "stanford-bunny" && p.maxDepth == 50 && p.weight == 0.5f &&
-            !p.clipped)
-            pin = &p;
-    ASSERT_NE(nullptr, pin);
+    loadMesh(pin.mesh, &mesh);
     const int threads = omp_get_max_threads();
     for (int n : {1, 2, 3}) {
         omp_set_num_threads(n);
-        const Built b = build(mesh, pin->maxDepth, pin->weight, nullptr);
-        EXPECT_EQ(pin->hash, b.hash) << n << " threads";
+        EXPECT_EQ(pin.hash, build(mesh, pin.maxDepth, pin.weight, nullptr).hash) << n << " threads";
     }
     omp_set_num_threads(threads);
-    // Called from the caller's own threads, two builds at once.
     Built built[2];
 #pragma omp parallel for num_threads(2)
-    for (int k = 0; k < 2; ++k) built[k] = build(mesh, pin->maxDepth, pin->weight, nullptr);
-    for (const Built& b : built) EXPECT_EQ(pin->hash, b.hash) << "inside a parallel region";
+    for (int k = 0; k < 2; ++k) built[k] = build(mesh, pin.maxDepth, pin.weight, nullptr);
+    for (const Built& b : built) EXPECT_EQ(pin.hash, b.hash) << "inside a parallel region";
 }
 
 // Budgets pinned at their boundaries, in MiB: the smallest one the up-front
 // check admits (one less is -4) and the smallest one that builds the tree
 // (one less runs out half-way, -9). However the work is scheduled, a build
 // must run out of budget exactly where the single-threaded one did.
-TEST(PsahTreeHash, BudgetBoundariesStayWhereTheyWere) {
+TEST(PsahTree, BudgetBoundariesStayWhereTheyWere) {
     const struct {
         const char* mesh;
         int maxDepth;

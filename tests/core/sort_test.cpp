@@ -42,40 +42,33 @@ TEST(Sort, ChecksPointerThenLength) {
 }
 
 // Lengths on both sides of the selection threshold (9/10) and far beyond,
-// in the shapes that break naive pivot choices.
+// in the shapes that break naive pivot choices. A million nearly equal
+// values finish because each pass drops the run equal to the pivot; without
+// that the segment would shrink by one element per pass.
 TEST(Sort, MatchesReferenceOnManyShapesAndLengths) {
     std::mt19937 rng(7);
+    using Shape = float (*)(std::mt19937&, int k, int n);
+    const std::pair<const char*, Shape> shapes[] = {
+        {"random", [](std::mt19937& r, int, int) { return float(r() % 2000001) / 1e3f - 1e3f; }},
+        {"few distinct", [](std::mt19937& r, int, int) { return float(int(r() % 5) - 2); }},
+        {"sorted", [](std::mt19937&, int k, int) { return float(k); }},
+        {"reverse", [](std::mt19937&, int k, int n) { return float(n - k); }},
+        {"organ pipe", [](std::mt19937&, int k, int n) { return float(std::min(k, n - k)); }},
+        {"signed zeros", [](std::mt19937&, int k, int) { return k % 2 ? -0.0f : 0.0f; }},
+        {"equal", [](std::mt19937&, int, int) { return 3.5f; }}};
     std::vector<int> lengths;
     for (int n = 2; n <= 80; ++n) lengths.push_back(n);
     for (int n : {127, 128, 129, 1000, 4097, 65536, 100003}) lengths.push_back(n);
-    for (int n : lengths) {
-        std::vector<float> v(n);
-        std::uniform_real_distribution<float> any(-1000.0f, 1000.0f);
-        for (float& f : v) f = any(rng);
-        expectSortedLikeReference(v, "random");
-        std::uniform_int_distribution<int> few(-2, 2);
-        for (float& f : v) f = float(few(rng));
-        expectSortedLikeReference(v, "few distinct");
-        for (int k = 0; k < n; ++k) v[k] = float(k);
-        expectSortedLikeReference(v, "sorted");
-        for (int k = 0; k < n; ++k) v[k] = float(n - k);
-        expectSortedLikeReference(v, "reverse");
-        for (int k = 0; k < n; ++k) v[k] = float(std::min(k, n - k));
-        expectSortedLikeReference(v, "organ pipe");
-        for (int k = 0; k < n; ++k) v[k] = (k % 2) ? -0.0f : 0.0f;
-        expectSortedLikeReference(v, "signed zeros");
-        std::fill(v.begin(), v.end(), 3.5f);
-        expectSortedLikeReference(v, "equal");
-    }
-}
-
-// A million equal values finish because each pass drops the run equal to the
-// pivot; without that the segment would shrink by one element per pass.
-TEST(Sort, MillionEqualValues) {
-    std::vector<float> v(1000000, 1.25f);
-    v[500000] = -1.0f;
-    v[999999] = 2.0f;
-    expectSortedLikeReference(v, "million nearly equal");
+    for (int n : lengths)
+        for (const auto& [name, shape] : shapes) {
+            std::vector<float> v(size_t(n), 0.0f);
+            for (int k = 0; k < n; ++k) v[size_t(k)] = shape(rng, k, n);
+            expectSortedLikeReference(v, name);
+        }
+    std::vector<float> nearlyEqual(1000000, 1.25f);
+    nearlyEqual[500000] = -1.0f;
+    nearlyEqual[999999] = 2.0f;
+    expectSortedLikeReference(nearlyEqual, "million nearly equal");
 }
 
 TEST(Sort, NaNsTerminateAndKeepEveryValue) {

@@ -64,56 +64,55 @@ def test_layouts_and_dtypes(layout):
     same(kelrt7.Scene(layout(VERTICES), layout(TRIANGLES)).intersect(ORIGIN, DIRECTIONS), HITS)
 
 
-def build(**options):
-    return lambda: kelrt7.Scene(VERTICES, TRIANGLES, **options)
+def scene(vertices=VERTICES, triangles=TRIANGLES, **options):
+    return lambda: kelrt7.Scene(vertices, triangles, **options)
+
+
+def on_scene(method, *args):
+    return lambda: getattr(SCENE, method)(*args)
 
 
 # Each row: a call with bad input, the exception it raises and a piece of its message.
+V, T, D = VERTICES, TRIANGLES, DIRECTIONS
 BAD_INPUT = {
-    "vertices of two coordinates": (lambda: kelrt7.Scene(VERTICES[:, :2], TRIANGLES),
-                                    ValueError, r"vertices must have shape \(V, 3\), not \(4, 2\)"),
-    "vertices as text": (lambda: kelrt7.Scene(VERTICES.astype(str), TRIANGLES),
-                         TypeError, "vertices must hold real numbers, not <U"),
-    "float triangles": (lambda: kelrt7.Scene(VERTICES, TRIANGLES.astype(float)),
-                        TypeError, "triangles must hold integers, not float64"),
-    "triangles of two corners": (lambda: kelrt7.Scene(VERTICES, TRIANGLES[:, :2]),
-                                 ValueError, r"\(T, 3\) or \(T, 4\), not \(4, 2\)"),
-    "vertex past the last": (lambda: kelrt7.Scene(VERTICES, TRIANGLES + 1),
-                             ValueError, "triangle 1 names vertex 4, but there are 4 vertices"),
-    "negative vertex": (lambda: kelrt7.Scene(VERTICES, -TRIANGLES),
-                        ValueError, "names vertex -2"),
-    "index beyond int32": (lambda: kelrt7.Scene(VERTICES, TRIANGLES + 2**32),
-                           ValueError, "names vertex 4294967296"),
-    "no triangles": (lambda: kelrt7.Scene(VERTICES, TRIANGLES[:0]), ValueError, "has none"),
-    "unknown builder": (build(builder="fast"), ValueError, "'psah' or 'simple', not 'fast'"),
-    "budget beyond 32 bits": (build(memory_mib=4096), ValueError, "between 1 and 4095"),
-    "depth out of range": (build(max_depth=51), kelrt7.Error,
+    "vertices of two coordinates": (scene(V[:, :2]), ValueError,
+                                    r"vertices must have shape \(V, 3\), not \(4, 2\)"),
+    "vertices as text": (scene(V.astype(str)), TypeError, "vertices must hold real numbers, not <"),
+    "float triangles": (scene(V, T.astype(float)), TypeError, "must hold integers, not float64"),
+    "triangles of two corners": (scene(V, T[:, :2]), ValueError, r"\(T, 3\) or \(T, 4\), not \(4"),
+    "vertex past the last": (scene(V, T + 1), ValueError,
+                             "triangle 1 names vertex 4, but there are 4 vertices"),
+    "negative vertex": (scene(V, -T), ValueError, "names vertex -2"),
+    "index beyond int32": (scene(V, T + 2**32), ValueError, "names vertex 4294967296"),
+    "no triangles": (scene(V, T[:0]), ValueError, "has none"),
+    "unknown builder": (scene(builder="fast"), ValueError, "'psah' or 'simple', not 'fast'"),
+    "budget beyond 32 bits": (scene(memory_mib=4096), ValueError, "between 1 and 4095"),
+    "depth out of range": (scene(max_depth=51), kelrt7.Error,
                            r"kelrKDTreeBuildAlloc failed: KEL_STS_OUT_OF_RANGE \(-11\)"),
-    "budget too small": (build(memory_mib=31), kelrt7.Error, "KEL_STS_NO_MEM .*raise memory_mib"),
-    "clip box of four": (build(clip_box=[0, 0, 1, 1]), ValueError, r"clip_box must have shape"),
-    "rays of two coordinates": (lambda: SCENE.intersect(ORIGIN, DIRECTIONS[:, :2]),
-                                ValueError, r"directions must have shape \(N, 3\)"),
-    "more origins than rays": (lambda: SCENE.intersect(np.tile(ORIGIN, (49, 1)), DIRECTIONS),
-                               ValueError, r"origins must have shape \(3,\) or \(48, 3\)"),
-    "complex rays": (lambda: SCENE.intersect(ORIGIN, DIRECTIONS.astype(complex)),
-                     TypeError, "real numbers, not complex128"),
-    "ragged rays": (lambda: SCENE.intersect(ORIGIN, [[1, 2, 3], [4, 5]]),
-                    TypeError, "directions must be an array of numbers, not list"),
-    "no rays at all": (lambda: SCENE.intersect(ORIGIN, None), TypeError, "not object"),
-    "a list of rays as an image": (lambda: SCENE.intersect_image(ORIGIN, DIRECTIONS),
-                                   ValueError, r"\(H, W, 3\), not \(48, 3\)"),
-    "light of two coordinates": (lambda: SCENE.occluded(ORIGIN[:2], DIRECTIONS),
-                                 ValueError, r"light must have shape \(3,\)"),
-    "smooth without normals": (lambda: SCENE.normals(HITS, smooth=True),
-                               ValueError, "need vertex_normals"),
-    "normals of other vertices": (lambda: SCENE.normals(HITS, True, np.ones((5, 3))),
-                                  ValueError, r"vertex_normals must have shape \(4, 3\)"),
-    "triangle past the last": (lambda: SCENE.normals(dict(HITS, triangle=HITS["triangle"] + 4)),
+    "budget too small": (scene(memory_mib=31), kelrt7.Error, "KEL_STS_NO_MEM .*raise memory_mib"),
+    "clip box of four": (scene(clip_box=[0, 0, 1, 1]), ValueError, r"clip_box must have shape"),
+    "rays of two coordinates": (on_scene("intersect", ORIGIN, D[:, :2]), ValueError,
+                                r"directions must have shape \(N, 3\)"),
+    "more origins than rays": (on_scene("intersect", np.tile(ORIGIN, (49, 1)), D), ValueError,
+                               r"origins must have shape \(3,\) or \(48, 3\)"),
+    "complex rays": (on_scene("intersect", ORIGIN, D.astype(complex)), TypeError,
+                     "real numbers, not complex128"),
+    "ragged rays": (on_scene("intersect", ORIGIN, [[1, 2, 3], [4, 5]]), TypeError,
+                    "directions must be an array of numbers, not list"),
+    "no rays at all": (on_scene("intersect", ORIGIN, None), TypeError, "not object"),
+    "a list of rays as an image": (on_scene("intersect_image", ORIGIN, D), ValueError,
+                                   r"\(H, W, 3\), not \(48, 3\)"),
+    "light of two coordinates": (on_scene("occluded", ORIGIN[:2], D), ValueError,
+                                 r"light must have shape \(3,\)"),
+    "smooth without normals": (on_scene("normals", HITS, True), ValueError, "need vertex_normals"),
+    "normals of other vertices": (on_scene("normals", HITS, True, np.ones((5, 3))), ValueError,
+                                  r"vertex_normals must have shape \(4, 3\)"),
+    "triangle past the last": (on_scene("normals", dict(HITS, triangle=HITS["triangle"] + 4)),
                                ValueError, "holds triangle 7, but the scene has 4"),
-    "hits of other rays": (lambda: SCENE.hit_points(ORIGIN, DIRECTIONS[:5], HITS),
-                           ValueError, r"hits\['t'\] must have shape \(5,\), not \(48,\)"),
-    "hits without t": (lambda: SCENE.hit_points(ORIGIN, DIRECTIONS, {"triangle": HITS["triangle"]}),
-                       KeyError, "t"),
+    "hits of other rays": (on_scene("hit_points", ORIGIN, D[:5], HITS), ValueError,
+                           r"hits\['t'\] must have shape \(5,\), not \(48,\)"),
+    "hits without t": (on_scene("hit_points", ORIGIN, D, {"triangle": HITS["triangle"]}), KeyError,
+                       "t"),
 }
 
 

@@ -2,8 +2,8 @@
 // leak tests and for the build benchmark's peak memory, and that can refuse
 // one chosen allocation for the fault-injection tests. Every block carries
 // its size in a 16-byte prefix, so a release knows how much it returns.
-#ifndef KEL_TEST_ALLOC_COUNT_H
-#define KEL_TEST_ALLOC_COUNT_H
+#ifndef KEL_SUPPORT_ALLOC_COUNT_H
+#define KEL_SUPPORT_ALLOC_COUNT_H
 
 #include <atomic>
 #include <cstddef>
@@ -17,7 +17,7 @@ namespace kelt {
 class AllocationCount {
   public:
     AllocationCount() : malloc_(i_malloc), free_(i_free) {
-        blocks_ = bytes_ = peak_ = calls_ = failAt_ = 0;
+        blocks_ = bytes_ = peak_ = calls_ = failAt_ = lastRequest_ = 0;
         i_malloc = &countedMalloc;
         i_free = &countedFree;
     }
@@ -27,7 +27,8 @@ class AllocationCount {
 
     long long liveBlocks() const { return blocks_; }
     long long peakBytes() const { return peak_; }
-    long long allocations() const { return calls_; }  // refused ones included
+    long long allocations() const { return calls_; }        // refused ones included
+    long long lastRequest() const { return lastRequest_; }  // bytes, refused or not
 
     // The n-th allocation from now on (1: the next one) returns null.
     void refuseAllocation(long long n) {
@@ -37,8 +38,10 @@ class AllocationCount {
 
   private:
     static constexpr size_t kPrefix = 16;
-    static inline std::atomic<long long> blocks_{0}, bytes_{0}, peak_{0}, calls_{0}, failAt_{0};
+    static inline std::atomic<long long> blocks_{0}, bytes_{0}, peak_{0}, calls_{0}, failAt_{0},
+        lastRequest_{0};
     static void* countedMalloc(size_t size) {
+        lastRequest_ = (long long)size;
         if (++calls_ == failAt_) return nullptr;
         auto* raw = static_cast<char*>(std::malloc(size + kPrefix));
         if (!raw) return nullptr;

@@ -3,7 +3,7 @@ from pathlib import Path
 
 import pytest
 
-python = Path(__file__).resolve().parents[1]
+python = Path(__file__).resolve().parents[2] / "python"
 sys.path[:0] = [str(python / "examples"), str(python / "bench")]
 
 import clib  # noqa: E402

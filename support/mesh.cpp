@@ -2,9 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -67,6 +65,14 @@ std::string sharedMeshDir() {
 bool loadSharedMesh(const std::string& fileName, Mesh* mesh) {
     std::string dir = sharedMeshDir();
     return !dir.empty() && loadObj(dir + "/" + fileName, mesh);
+}
+
+void vertexBounds(const Mesh& mesh, float box[6]) {
+    for (int k = 0; k < 3 * mesh.vertexCount(); ++k) {
+        const float v = mesh.vertices[size_t(k)];
+        box[k % 3] = k < 3 || v < box[k % 3] ? v : box[k % 3];
+        box[k % 3 + 3] = k < 3 || v > box[k % 3 + 3] ? v : box[k % 3 + 3];
+    }
 }
 
 }  // namespace kelt

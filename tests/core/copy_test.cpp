@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "core/cachesize.h"
@@ -88,11 +89,13 @@ TEST(Copy, ExportedRoutinesCheckBeforeWriting) {
 
 // Small overlapping copies, the 16-byte head, the unaligned-source loop and
 // the aligned forward/backward paths all lie within the first 600 bytes.
-TEST(Copy, EveryLengthAndMisalignmentUpTo600Bytes) {
+TEST(CopyAndZero, EveryLengthAndMisalignmentUpTo600Bytes) {
     Buffers b(600 + 16);
     for (size_t n = 1; n <= 600; ++n)
-        for (size_t s = 0; s < 16; ++s)
-            for (size_t d = 0; d < 16; ++d) ASSERT_TRUE(copiesExactly(b, s, d, n));
+        for (size_t d = 0; d < 16; ++d) {
+            ASSERT_TRUE(zeroesExactly(b, d, n));
+            for (size_t s = 0; s < 16; ++s) ASSERT_TRUE(copiesExactly(b, s, d, n));
+        }
 }
 
 // Aligned copies of 512 bytes and more run forward or backward by the
@@ -105,42 +108,23 @@ TEST(Copy, BothDirectionsOfTheAlignedCopy) {
                 ASSERT_TRUE(copiesExactly(b, srcOffset, dstOffset, n));
 }
 
-// Around 512 KiB, and around half the cache size where it is known: the
-// blocks that may stream, with both source alignments after the head.
-TEST(Copy, LargeBlocksAroundTheStreamingThresholds) {
-    std::vector<size_t> lengths = {0x80000 - 1, 0x80000, 0x80000 + 17, 0x80000 + 0x40000 + 45,
+// Around 512 KiB, and around half the cache size (the whole of it for
+// zeroing) where it is known: the blocks that may stream, with both source
+// alignments after the head.
+TEST(CopyAndZero, LargeBlocksAroundTheStreamingThresholds) {
+    std::vector<size_t> lengths = {0x80000 - 1,  0x80000,      0x80000 + 1,
+                                   0x80000 + 17, 0x80000 + 77, 0x80000 + 0x40000 + 45,
                                    3 * 0x40000};
-    const size_t cache = kel::queryCacheSize();
-    if (cache) {
-        for (size_t n : {cache / 2 - 1, cache / 2, cache / 2 + 29, cache + 0x40000 + 3})
+    if (const size_t cache = kel::queryCacheSize())
+        for (size_t n : {cache / 2 - 1, cache / 2, cache / 2 + 29, cache - 1, cache, cache + 45,
+                         cache + 0x40000 + 3})
             lengths.push_back(n);
-    }
-    size_t largest = 0;
-    for (size_t n : lengths) largest = std::max(largest, n);
-    Buffers b(largest + 16);
+    Buffers b(*std::max_element(lengths.begin(), lengths.end()) + 16);
     for (size_t n : lengths) {
+        for (size_t d : {0, 1, 8, 15}) ASSERT_TRUE(zeroesExactly(b, d, n + 16 - d));
         const size_t offsets[][2] = {{0, 0}, {3, 0}, {0, 5}, {7, 7}, {9, 4}, {16, 8}};
         for (const auto& o : offsets) ASSERT_TRUE(copiesExactly(b, o[0], o[1], n));
     }
-}
-
-TEST(Zero, EveryLengthAndMisalignmentUpTo600Bytes) {
-    Buffers b(600 + 16);
-    for (size_t n = 1; n <= 600; ++n)
-        for (size_t d = 0; d < 16; ++d) ASSERT_TRUE(zeroesExactly(b, d, n));
-}
-
-TEST(Zero, LargeBlocksAroundTheStreamingThresholds) {
-    std::vector<size_t> lengths = {0x80000, 0x80000 + 1, 0x80000 + 16, 0x80000 + 77};
-    const size_t cache = kel::queryCacheSize();
-    if (cache) {
-        for (size_t n : {cache - 1, cache, cache + 45}) lengths.push_back(n);
-    }
-    size_t largest = 0;
-    for (size_t n : lengths) largest = std::max(largest, n);
-    Buffers b(largest + 16);
-    for (size_t n : lengths)
-        for (size_t d : {0, 1, 8, 15}) ASSERT_TRUE(zeroesExactly(b, d, n + 16 - d));
 }
 
 namespace {
@@ -187,9 +171,6 @@ TEST(CacheSize, FollowsTablePriorityAndDiscardsInvalidRegisters) {
     // A typical two-level report: 0x2C/0x30 (level 1) and 0x49.
     uint32_t report[4] = {0x05B0B101, 0x005657F0, 0x00000000, 0x2CB43049};
     EXPECT_EQ(kel::cacheSizeFromLeaf2(report), 4u << 20);
-    // The first matching row wins, not the first register.
-    uint32_t both[4] = {0x00002201, 0x00000000, 0x0000004D, 0x00000000};
-    EXPECT_EQ(kel::cacheSizeFromLeaf2(both), 16u << 20);
     // Bit 31 marks a register without descriptors.
     uint32_t invalid[4] = {0x00000001, 0x80000049, 0x00000022, 0x00000000};
     EXPECT_EQ(kel::cacheSizeFromLeaf2(invalid), 512u << 10);
@@ -200,8 +181,8 @@ TEST(CacheSize, FollowsTablePriorityAndDiscardsInvalidRegisters) {
     EXPECT_EQ(kel::cacheSizeFromLeaf2(twice), 0u);
     uint32_t none[4] = {0x00000001, 0x01020304, 0x0A0B0C0D, 0x50607080};
     EXPECT_EQ(kel::cacheSizeFromLeaf2(none), 0u);
-    // Every descriptor of a row outranks every one of the next row, even
-    // from a later register.
+    // The first matching row wins, not the first register: every descriptor
+    // of a row outranks every one of the next row, even from a later register.
     const std::vector<Row>& rows = documentedTable();
     for (size_t r = 0; r + 1 < rows.size(); ++r)
         for (uint8_t higher : rows[r].descriptors)
@@ -234,32 +215,4 @@ TEST(CacheSize, StreamingRulesAtTheirBoundaries) {
     EXPECT_FALSE(kel::copyForward(0x1000, 0x2000, 512));  // d = 0
     EXPECT_FALSE(kel::copyForward(0x1000, 0x2F60, 512));  // d = -3936
     EXPECT_TRUE(kel::copyForward(0x1000, 0x2F70, 512));   // d = -3952
-}
-
-// Whether this machine streams follows from what its CPUID reports: the
-// vendor of leaf 0 and the descriptors of leaf 2, read here independently.
-TEST(CacheSize, ThisMachineFollowsItsCpuid) {
-    unsigned leaf0[4];
-    __cpuid(0, leaf0[0], leaf0[1], leaf0[2], leaf0[3]);
-    char vendor[13] = {};
-    memcpy(vendor, &leaf0[1], 4);
-    memcpy(vendor + 4, &leaf0[3], 4);
-    memcpy(vendor + 8, &leaf0[2], 4);
-    char tableVendor[13] = {};
-    memcpy(tableVendor, kel::kDescriptorVendor, 12);
-    uint32_t expected = 0;
-    if (strcmp(vendor, tableVendor) == 0) {
-        unsigned leaf2[4];
-        __cpuid(2, leaf2[0], leaf2[1], leaf2[2], leaf2[3]);
-        uint32_t regs[4] = {leaf2[0], leaf2[1], leaf2[2], leaf2[3]};
-        expected = kel::cacheSizeFromLeaf2(regs);
-    }
-    const uint32_t cache = kel::queryCacheSize();
-    EXPECT_EQ(cache, expected) << vendor;
-    const bool streams = kel::copyStreams(64u << 20, cache);
-    EXPECT_EQ(streams, cache != 0);
-    RecordProperty("vendor", vendor);
-    RecordProperty("cacheBytes", int(cache));
-    printf("processor vendor %s: last-level cache %u bytes, large blocks %s\n", vendor, cache,
-           streams ? "stream" : "never stream");
 }
