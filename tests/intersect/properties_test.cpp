@@ -39,6 +39,22 @@ kelt::Rays randomRays(unsigned seed) {
     return rays;
 }
 
+// The four-ray path gives the scalar path's answers bit for bit, except
+// that its shadow rays may name another occluder.
+void expectSameAnswers(Query q, const kelt::Answers& packet, const kelt::Answers& scalar) {
+    ASSERT_TRUE(packet.status == KEL_STS_OK && scalar.status == KEL_STS_OK);
+    for (int i = 0; i < kRays; ++i) {
+        const bool sameId = q == Query::kShadow ? (packet.id[i] >= 0) == (scalar.id[i] >= 0)
+                                                : packet.id[i] == scalar.id[i];
+        ASSERT_TRUE(sameId && packet.mask[i] == scalar.mask[i] &&
+                    kelt::sameBits(packet.t[i], scalar.t[i]) &&
+                    kelt::sameBits(packet.u[i], scalar.u[i]) &&
+                    kelt::sameBits(packet.v[i], scalar.v[i]))
+            << "ray " << i << ": four-ray path " << packet.id[i] << " at " << packet.t[i]
+            << ", scalar " << scalar.id[i] << " at " << scalar.t[i];
+    }
+}
+
 TEST(Properties, FourRayPathAnswersAsTheScalarPathOnRandomSoups) {
     for (unsigned seed : {1u, 2u}) {
         const kelt::TracedScene st(kelt::randomSoup(seed, 2000), true);
@@ -48,23 +64,10 @@ TEST(Properties, FourRayPathAnswersAsTheScalarPathOnRandomSoups) {
             for (Query q : kelt::kQueries) {
                 SCOPED_TRACE(testing::Message()
                              << "soup " << seed << ", " << tree << ", query " << int(q));
-                const kelt::Answers packet = kelt::trace(q, context, rays, 0),
-                                    scalar = kelt::trace(q, context, rays, 1);
-                ASSERT_TRUE(packet.status == KEL_STS_OK && scalar.status == KEL_STS_OK);
+                const kelt::Answers scalar = kelt::trace(q, context, rays, 1);
+                expectSameAnswers(q, kelt::trace(q, context, rays, 0), scalar);
                 int hits = 0;
-                for (int i = 0; i < kRays; ++i) {
-                    hits += scalar.id[i] >= 0;
-                    // The four-ray shadow path may name another occluder.
-                    const bool sameId = q == Query::kShadow
-                                            ? (packet.id[i] >= 0) == (scalar.id[i] >= 0)
-                                            : packet.id[i] == scalar.id[i];
-                    ASSERT_TRUE(sameId && packet.mask[i] == scalar.mask[i] &&
-                                kelt::sameBits(packet.t[i], scalar.t[i]) &&
-                                kelt::sameBits(packet.u[i], scalar.u[i]) &&
-                                kelt::sameBits(packet.v[i], scalar.v[i]))
-                        << "ray " << i << ": four-ray path " << packet.id[i] << " at "
-                        << packet.t[i] << ", scalar " << scalar.id[i] << " at " << scalar.t[i];
-                }
+                for (int id : scalar.id) hits += id >= 0;
                 EXPECT_GT(hits, kRays / 10);
             }
     }
@@ -106,29 +109,29 @@ TEST(Properties, RaysFromInsideAClosedSurfaceAlwaysHitIt) {
             const kelt::Rays rays = raysFromInside(mesh, q == Query::kOwnOrigins);
             float light[3];
             rays.origin.get(0, light);
-            for (const auto& [tree, context] : st.trees)
-                for (int misalign : {0, 1}) {
-                    SCOPED_TRACE(testing::Message()
-                                 << mesh.triangleCount() << " triangles, " << tree << ", query "
-                                 << int(q) << (misalign ? ", scalar" : ", four-ray"));
-                    const kelt::Answers a = kelt::trace(q, context, rays, misalign);
-                    ASSERT_EQ(KEL_STS_OK, a.status);
-                    int misses = 0, first = -1;
-                    for (int i = 0; i < kRays; ++i) {
-                        float d[3];
-                        rays.dir.get(i, d);
-                        const bool hit = q != Query::kShadow ? a.id[i] >= 0 : a.mask[i] == -1;
-                        // A shadow segment aimed exactly at a corner or an
-                        // edge may pass between the triangles there: its
-                        // single-precision weights miss the snap to zero, as
-                        // the brute force shows.
-                        const bool want = q != Query::kShadow || i % 3 == 2 ||
-                                          oracle::anyOccluder(st.scene.accel.data(),
-                                                              st.scene.count(), light, d) >= 0;
-                        if (hit != want && misses++ == 0) first = i;
-                    }
-                    EXPECT_EQ(0, misses) << "first at ray " << first;
+            for (const auto& [tree, context] : st.trees) {
+                SCOPED_TRACE(testing::Message() << mesh.triangleCount() << " triangles, " << tree
+                                                << ", query " << int(q));
+                // Rays aimed at corners and edges leave the decisions no
+                // margin: the paths must still agree to the bit.
+                const kelt::Answers scalar = kelt::trace(q, context, rays, 1);
+                expectSameAnswers(q, kelt::trace(q, context, rays, 0), scalar);
+                int misses = 0, first = -1;
+                for (int i = 0; i < kRays; ++i) {
+                    float d[3];
+                    rays.dir.get(i, d);
+                    const bool hit = q != Query::kShadow ? scalar.id[i] >= 0 : scalar.mask[i] == -1;
+                    // A shadow segment aimed exactly at a corner or an edge
+                    // may pass between the triangles there: its
+                    // single-precision weights miss the snap to zero, as the
+                    // brute force shows.
+                    const bool want =
+                        q != Query::kShadow || i % 3 == 2 ||
+                        oracle::anyOccluder(st.scene.accel.data(), st.scene.count(), light, d) >= 0;
+                    if (hit != want && misses++ == 0) first = i;
                 }
+                EXPECT_EQ(0, misses) << "first at ray " << first;
+            }
         }
     }
 }
