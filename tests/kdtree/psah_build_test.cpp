@@ -121,3 +121,30 @@ TEST(PsahMemory, EveryFailureUnwindsCleanly) {
 }
 
 }  // namespace
+
+namespace {
+
+// The extreme-vertex mask names, per axis, the lowest and highest corner:
+// ties keep the lowest index, and a NaN coordinate takes over the running
+// value (max x, y, z in bits 0, 5, 10; min x, y, z in bits 15, 20, 25).
+TEST(PsahPatches, ExtremeVertexMaskTiesAndNaN) {
+    struct Row {
+        float corners[3][3];
+        uint32_t mask;
+    };
+    const float nan = __builtin_nanf("");
+    const Row rows[] = {
+        // x ties at the minimum, y at the minimum, z everywhere
+        {{{0, 0, 2}, {0, 1, 2}, {1, 0, 2}}, 2u | 1u << 5},
+        // x ties at the maximum between corners 1 and 2
+        {{{0, 5, 1}, {3, 4, 0}, {3, 6, -1}}, 1u | 2u << 5 | 1u << 20 | 2u << 25},
+        // a NaN x, then 0: the last corner wins both ends
+        {{{1, 0, 0}, {nan, 0, 0}, {0, 0, 0}}, 2u | 2u << 15},
+    };
+    for (const Row& row : rows) {
+        const float* corners[3] = {row.corners[0], row.corners[1], row.corners[2]};
+        EXPECT_EQ(row.mask, kel::extremeVertexMask(corners, 3)) << row.corners[0][0];
+    }
+}
+
+}  // namespace
