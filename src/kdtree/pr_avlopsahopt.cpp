@@ -224,7 +224,6 @@ void decideSplit(const AxisSplit* results, int n, double cLeaf, float k, SplitDe
         d->axis = -1;
         return;
     }
-    d->cost = best.cost;
     d->position = best.position;
     d->axis = axis;
     d->leftCount = best.leftCount;

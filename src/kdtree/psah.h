@@ -55,9 +55,9 @@ struct PsahBuildNode {
     };
 };
 
-// Result of the split search for one node. On entry cost holds the leaf cost.
+// Result of the split search for one node.
 struct SplitDecision {
-    double cost;
+    double cost;  // the node's cost as a leaf, set before the search
     float position;
     int32_t axis;  // 0..2, or -1: keep the node as a leaf
     int32_t leftCount;
