@@ -59,10 +59,29 @@ constexpr Pin kSoupPins[] = {
     {"soup 22", 20, 0.0f, true, 297612, 0x8769bdd21275979full},
     {"soup 3", 50, 0.5f, false, 492832, 0xfffdd98105da97caull},
     {"soup 3", 50, 0.5f, true, 518544, 0x26d46d023fd6e274ull},
+    {"signed zeros", 20, 1.0f, false, 1328380, 0xcf4e1e32da9c802eull},
+    {"signed zeros", 50, 0.5f, false, 293644, 0x1bd16cbbba3de00eull},
 };
 
-// "soup N" is the seeded soup, any other name a shared mesh.
+// Soup 23 with every coordinate below 0.3 moved to -0 or +0 in turn: the
+// builder must order and split the two zeros as it always did.
+kelt::Mesh signedZeroSoup() {
+    kelt::Mesh mesh = kelt::randomSoup(23, 3000);
+    for (size_t v = 0; v < mesh.vertices.size() / 3; ++v)
+        for (size_t a = 0; a < 3; ++a) {
+            float& c = mesh.vertices[3 * v + a];
+            if (c < 0.3f) c = (v + a) % 2 ? -0.0f : 0.0f;
+        }
+    return mesh;
+}
+
+// "soup N" is the seeded soup, "signed zeros" the one above, any other name a
+// shared mesh.
 bool loadMesh(const std::string& name, kelt::Mesh* mesh) {
+    if (name == "signed zeros") {
+        *mesh = signedZeroSoup();
+        return true;
+    }
     if (name.rfind("soup ", 0) == 0) {
         *mesh = kelt::randomSoup(unsigned(std::stoi(name.substr(5))), 3000);
         return true;
