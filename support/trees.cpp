@@ -12,6 +12,12 @@ uint32_t psahBudgetMiB(int vertexCount, int triangleCount) {
     return uint32_t(128 + (bytes >> 20));
 }
 
+uint64_t psahFixedNeedBytes(int vertexCount, int triangleCount) {
+    const uint64_t perTriangle = 48 + 3 * (8 + sizeof(void*));
+    return 12 * uint64_t(vertexCount) + perTriangle * uint64_t(triangleCount) + (32u << 20) + 8 +
+           59 * sizeof(void*);
+}
+
 std::vector<int32_t> oneLeafTree(int triangleCount) {
     std::vector<int32_t> words = {-16, triangleCount, 0, 0};
     for (int n = 0; n < triangleCount; ++n) words.push_back(n);

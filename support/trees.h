@@ -18,6 +18,12 @@ namespace kelt {
 // (about 81 MiB), the per-triangle stores, and room for the tree to grow.
 uint32_t psahBudgetMiB(int vertexCount, int triangleCount);
 
+// The working memory in bytes that a PSAH build demands before it starts: 12
+// per vertex; per triangle 48 and three patches of two words and a pointer;
+// 32 MiB of scratch; the build state and two chunk records, 8 bytes and 59
+// pointer-size words.
+uint64_t psahFixedNeedBytes(int vertexCount, int triangleCount);
+
 // The one-leaf tree over all triangles in index order, as the simple build
 // makes it: the reference every other tree must agree with.
 std::vector<int32_t> oneLeafTree(int triangleCount);

@@ -72,7 +72,9 @@ Result nearest(const kelt::Scene& s, const float* box, const KDTreeNode* tree,
     kelt::Rays rays = row(origins, dirs);
     rays.distance = distances;
     const Query q = origins.size() == 1 ? Query::kEye : Query::kOwnOrigins;
-    return kelt::trace(q, {box, s.accel.data(), tree}, rays, 0);
+    const Result r = kelt::trace(q, {box, s.accel.data(), tree}, rays, 0);
+    EXPECT_TRUE(r.intact) << "a plane was written outside";
+    return r;
 }
 
 // Shadow segments from the light; the context's box is null, since the
@@ -81,7 +83,9 @@ Result occluded(const kelt::Scene& s, const KDTreeNode* tree, const V3& light,
                 const std::vector<V3>& dirs, const std::vector<int>& masks) {
     kelt::Rays rays = row({light}, dirs);
     rays.mask = masks;
-    return kelt::trace(Query::kShadow, {nullptr, s.accel.data(), tree}, rays, 0);
+    const Result r = kelt::trace(Query::kShadow, {nullptr, s.accel.data(), tree}, rays, 0);
+    EXPECT_TRUE(r.intact) << "a plane was written outside";
+    return r;
 }
 
 TEST(IntersectEdges, MissesKeepTheirInputsAndZeroDistanceNeverHits) {

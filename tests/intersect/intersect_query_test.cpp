@@ -192,6 +192,7 @@ void checkScene(const std::string& name, const kelt::TracedScene& st) {
                 const kelt::Answers scalar = kelt::trace(q, context, w.rays(q), 1),
                                     packet = kelt::trace(q, context, w.rays(q), 0);
                 ASSERT_TRUE(scalar.status == KEL_STS_OK && packet.status == KEL_STS_OK);
+                EXPECT_TRUE(scalar.intact && packet.intact) << "a plane was written outside";
                 if (q == Query::kShadow)
                     checkShadow(st.scene, w.shadow, w.occluded, scalar, packet);
                 else

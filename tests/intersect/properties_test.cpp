@@ -43,6 +43,7 @@ kelt::Rays randomRays(unsigned seed) {
 // that its shadow rays may name another occluder.
 void expectSameAnswers(Query q, const kelt::Answers& packet, const kelt::Answers& scalar) {
     ASSERT_TRUE(packet.status == KEL_STS_OK && scalar.status == KEL_STS_OK);
+    EXPECT_TRUE(packet.intact && scalar.intact) << "a plane was written outside";
     for (int i = 0; i < kRays; ++i) {
         const bool sameId = q == Query::kShadow ? (packet.id[i] >= 0) == (scalar.id[i] >= 0)
                                                 : packet.id[i] == scalar.id[i];

@@ -95,6 +95,7 @@ TEST(TriangleAccel, DegenerateRecordsAndCounts) {
 TEST(TriangleAccel, RecordsReproduceTheGeometry) {
     std::mt19937 rng(20261121);
     std::uniform_real_distribution<float> coord(-2.0f, 2.0f), weight(0.05f, 0.45f);
+    int tested = 0;
     for (int trial = 0; trial < 2000; ++trial) {
         std::array<float, 9> tri;
         for (float& c : tri) c = coord(rng);
@@ -120,12 +121,14 @@ TEST(TriangleAccel, RecordsReproduceTheGeometry) {
             o[k] = float(p[k] - 2.0 * r[k]);
         }
         if (std::fabs(along) < 0.3) continue;
+        ++tested;
         oracle::Hit h;
         ASSERT_TRUE(oracle::testTriangle(oracle::Query::kEye, rec[0], o, r, 10, &h)) << trial;
         EXPECT_TRUE(std::fabs(2.0 - h.t) < 1e-3 && std::fabs(a - h.u) < 2e-3 &&
                     std::fabs(b - h.v) < 2e-3)
             << trial;
     }
+    EXPECT_GT(tested, 1000) << "too few triangles and rays were usable";
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <vector>
 
 #include "alloc_count.h"
 #include "queries.h"
@@ -97,12 +96,8 @@ kelt::Rays rays(bool hostile) {
 // a status, ids in range, no stray writes, and the same answers for the
 // ordinary rays either way.
 void traceEverything(const kelt::Mesh& mesh, const KDTreeNode* tree) {
-    std::vector<TriangleAccel> accel(size_t(mesh.triangleCount()));
-    kelrTriangleAccelInit(accel.data(), mesh.vertices.data(), mesh.triangles.data(),
-                          mesh.triangleCount());
-    float box[6];
-    kelt::vertexBounds(mesh, box);
-    const IntersectContext context = {box, accel.data(), tree};
+    const kelt::Scene scene(mesh);
+    const IntersectContext context = scene.context(tree);
     const kelt::Rays clean = rays(false), mixed = rays(true);
     for (kelt::Query query : kelt::kQueries)
         for (int misalign : {0, 1}) {

@@ -15,9 +15,7 @@ namespace {
 
 // The budget the driver demands up front.
 uint32_t fixedNeed(int vertexCount, int triangleCount) {
-    return 12 * uint32_t(vertexCount) +
-           (48 + 3 * uint32_t(sizeof(kel::PsahPatch))) * uint32_t(triangleCount) + (32u << 20) +
-           kel::kStateCharge + 2 * kel::kChunkRecordCharge;
+    return uint32_t(kelt::psahFixedNeedBytes(vertexCount, triangleCount));
 }
 
 struct Built {

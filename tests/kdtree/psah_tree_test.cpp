@@ -50,7 +50,7 @@ void middleBox(const kelt::Mesh& mesh, float box[6]) {
     }
 }
 
-// Seeded soups of 3000 triangles (see mesh.h), pinned the same way: they
+// Seeded soups of 3000 triangles (see soups.h), pinned the same way: they
 // need nothing from ../shared.
 constexpr Pin kSoupPins[] = {
     {"soup 21", 30, 1.0f, false, 3244140, 0x9e7d94d2097e86a2ull},
@@ -93,6 +93,7 @@ struct Built {
     KelStatus status;
     int size;
     uint64_t hash;
+    std::string malformed;  // what checkTree finds wrong, "" for a sound block
 };
 
 Built build(const kelt::Mesh& mesh, int maxDepth, float weight, const float* clipBox,
@@ -100,10 +101,14 @@ Built build(const kelt::Mesh& mesh, int maxDepth, float weight, const float* cli
     if (budgetMiB == 0) budgetMiB = kelt::psahBudgetMiB(mesh.vertexCount(), mesh.triangleCount());
     const KDTreeBuildContext context = {KDT_BUILD_PSAH, maxDepth, weight, budgetMiB, clipBox};
     KDTreeNode* tree = nullptr;
-    Built b = {KEL_STS_OK, 0, 0};
+    Built b = {KEL_STS_OK, 0, 0, ""};
     b.status = kelrKDTreeBuildAlloc(&tree, mesh.vertices.data(), mesh.triangles.data(),
                                     mesh.vertexCount(), mesh.triangleCount(), &b.size, &context);
-    if (b.status == KEL_STS_OK) b.hash = fnv1a(tree, b.size);
+    if (b.status == KEL_STS_OK) {
+        b.hash = fnv1a(tree, b.size);
+        kelt::TreeSummary summary;
+        b.malformed = kelt::checkTree(tree, b.size, mesh.triangleCount(), &summary);
+    }
     kelrKDTreeFree(tree);
     return b;
 }
@@ -123,6 +128,8 @@ TEST(PsahTree, PinnedTreesAreRebuiltExactly) {
         SCOPED_TRACE(testing::Message() << pin.mesh << " depth " << pin.maxDepth << " weight "
                                         << pin.weight << (pin.clipped ? " clipped" : ""));
         ASSERT_EQ(KEL_STS_OK, b.status);
+        // A pin printed from a malformed block would hold the fault in place.
+        EXPECT_EQ("", b.malformed);
         EXPECT_EQ(pin.size, b.size);
         EXPECT_EQ(pin.hash, b.hash);
         if (std::getenv("KELT_PRINT_TREE_HASHES"))

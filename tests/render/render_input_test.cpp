@@ -22,14 +22,10 @@ namespace {
 
 using namespace render;
 
-bool parse(const std::vector<std::string>& args, Options* options, std::string* error) {
-    return parseOptions(args, options, error);
-}
-
 TEST(Options, AcceptTheDocumentedForms) {
     Options o;
     std::string error;
-    ASSERT_TRUE(parse(
+    ASSERT_TRUE(parseOptions(
         {"--size", "320x200", "--bounces", "0", "--builder", "simple", "--eye", "1,2.5,-3", "--fov",
          "60", "--normals", "flat", "--memory", "200", "--out", "a/b.PNG", "--quiet", "--version"},
         &o, &error))
@@ -42,7 +38,7 @@ TEST(Options, AcceptTheDocumentedForms) {
                               60.0f, std::string("a/b.PNG"), true, true));
 
     Options square;
-    ASSERT_TRUE(parse({"--size", "256"}, &square, &error));
+    ASSERT_TRUE(parseOptions({"--size", "256"}, &square, &error));
     EXPECT_TRUE(square.render.width == 256 && square.render.height == 256);
 }
 
@@ -84,11 +80,10 @@ TEST(ObjLoader, ReadsFacesAndKeepsOrComputesNormals) {
 }
 
 TEST(SceneAccel, BudgetCoversTheBuildersFixedNeed) {
-    // The builder refuses budgets below 12 V + 84 T bytes + 32 MiB + 244.
+    // The builder refuses budgets below its fixed need.
     for (int t : {1, 1000, 250000, 4000000}) {
         const int v = t / 2 + 3;
-        const double need = (12.0 * v + 84.0 * t + 244.0) / 1048576.0 + 32.0;
-        EXPECT_GT(psahBudgetMiB(v, t), need) << t;
+        EXPECT_GT(uint64_t(psahBudgetMiB(v, t)) << 20, kelt::psahFixedNeedBytes(v, t)) << t;
     }
     // The default scene builds with the budget sized for it.
     const Mesh sphere = makeSphere({0, 0, 0}, 1.0f, 64, 32);

@@ -1,4 +1,4 @@
-// Per-ray arrays for tests and benchmarks: planes on a 16-byte boundary, or
+// Per-ray arrays for the tests: planes on a 16-byte boundary, or
 // a few elements past one (which sends a call down its scalar path), with
 // guard words around them that show any write outside; and float bits.
 #ifndef KEL_TEST_ARRAYS_H
