@@ -143,13 +143,6 @@ bool convert(const tinyobj::ObjReader& reader, Mesh* mesh, std::string* error) {
     return true;
 }
 
-tinyobj::ObjReaderConfig readerConfig() {
-    tinyobj::ObjReaderConfig config;
-    config.triangulate = true;
-    config.vertex_color = false;
-    return config;
-}
-
 }  // namespace
 
 bool loadObjFile(const std::string& path, Mesh* mesh, std::string* error) {
@@ -159,19 +152,18 @@ bool loadObjFile(const std::string& path, Mesh* mesh, std::string* error) {
     std::ifstream file(path, std::ios::binary);
     if (!file) return fail(error, "cannot open '" + path + "'");
     const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    if (!checkLines(text, error)) return fail(error, "'" + path + "': " + *error);
-    tinyobj::ObjReader reader;
-    if (!reader.ParseFromFile(path, readerConfig()))
-        return fail(error, "'" + path + "' is not a valid OBJ file: " + reader.Error());
-    if (!convert(reader, mesh, error)) return fail(error, "'" + path + "': " + *error);
+    if (!parseObjText(text, mesh, error)) return fail(error, "'" + path + "': " + *error);
     return true;
 }
 
 bool parseObjText(const std::string& text, Mesh* mesh, std::string* error) {
     if (!checkLines(text, error)) return false;
+    tinyobj::ObjReaderConfig config;
+    config.triangulate = true;
+    config.vertex_color = false;
     tinyobj::ObjReader reader;
-    if (!reader.ParseFromString(text, "", readerConfig()))
-        return fail(error, "not a valid OBJ text: " + reader.Error());
+    if (!reader.ParseFromString(text, "", config))
+        return fail(error, "not valid OBJ: " + reader.Error());
     return convert(reader, mesh, error);
 }
 
