@@ -33,11 +33,6 @@ double secondsOf(const std::function<void()>& work) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 struct Figures {
     KelStatus status = KEL_STS_OK;
     std::string error;  // from the tree check
@@ -74,7 +69,7 @@ Figures measure(const kelt::Mesh& mesh, int maxDepth, float weight, int repetiti
     std::vector<double> times = {f.seconds};
     for (int r = 1; r < repetitions && f.status == KEL_STS_OK; ++r)
         times.push_back(buildOnce(mesh, maxDepth, weight, false).seconds);
-    f.seconds = median(times);
+    f.seconds = kelb::median(times);
     return f;
 }
 
@@ -118,11 +113,11 @@ void printComparison(const kelt::Mesh& mesh, int repetitions) {
     for (Contender& c : contenders) c.build();  // warm-up
     for (int r = 0; r < repetitions; ++r)
         for (Contender& c : contenders) c.times.push_back(c.build());
-    const double psahOne = median(contenders[0].times);
-    const double psahAll = median(contenders[all == 1 ? 0 : 1].times);
+    const double psahOne = kelb::median(contenders[0].times);
+    const double psahAll = kelb::median(contenders[all == 1 ? 0 : 1].times);
     std::printf("%-34s %9s %14s\n", "build (depth 50, weight 0.5)", "time s", "PSAH / this");
     for (const Contender& c : contenders) {
-        const double t = median(c.times);
+        const double t = kelb::median(c.times);
         const bool one = c.name.find(", 1 thread") != std::string::npos;
         if (t < 0) {
             std::printf("%-34s   failed\n", c.name.c_str());

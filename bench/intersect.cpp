@@ -24,6 +24,7 @@
 #include "embree_scene.h"
 #include "intersect/printersect.h"
 #include "kelr.h"
+#include "trees.h"
 #include "workload.h"
 
 namespace {
@@ -37,11 +38,6 @@ constexpr size_t kScalar = 0, kPackets = 1;
 double seconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
-}
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
 }
 
 // A 16-byte-aligned array.
@@ -96,17 +92,12 @@ struct Scene {
     ~Scene() { kelrKDTreeFree(built); }
 };
 
-// Budget for the PSAH build: its fixed part and about 400 bytes a triangle
-// of chunk space; raised if the build runs out.
-uint32_t psahBudgetMiB(int triangles) {
-    return 96 + uint32_t((400.0 * triangles) / (1 << 20));
-}
-
 // The scene's PSAH tree, built five times for its median build time; false
-// when the build fails even with 2 GiB.
+// when the build fails.
 bool buildTree(Scene* s) {
     const kelt::Mesh& m = s->workload.mesh;
-    KDTreeBuildContext ctx{KDT_BUILD_PSAH, 50, 0.5f, psahBudgetMiB(m.triangleCount()), nullptr};
+    const KDTreeBuildContext ctx{KDT_BUILD_PSAH, 50, 0.5f,
+                                 kelt::psahBudgetMiB(m.vertexCount(), m.triangleCount()), nullptr};
     std::vector<double> times;
     KelStatus status = KEL_STS_OK;
     while (times.size() < 5) {
@@ -116,10 +107,6 @@ bool buildTree(Scene* s) {
         status = kelrKDTreeBuildAlloc(&tree, m.vertices.data(), m.triangles.data(), m.vertexCount(),
                                       m.triangleCount(), &size, &ctx);
         const double t1 = seconds();
-        if (status == KEL_STS_OVERFLOW && ctx.memoryMiB < 2048) {
-            ctx.memoryMiB *= 2;
-            continue;
-        }
         if (status != KEL_STS_OK) break;
         times.push_back(t1 - t0);
         kelrKDTreeFree(s->built);
@@ -131,7 +118,7 @@ bool buildTree(Scene* s) {
     }
     s->tree = s->built;
     std::printf("  tree: PSAH (depth 50, weight 0.5, %u MiB), build %.1f ms (median of 5)\n",
-                ctx.memoryMiB, 1e3 * median(times));
+                ctx.memoryMiB, 1e3 * kelb::median(times));
     return true;
 }
 
@@ -356,11 +343,11 @@ Figures measure(const Scene& s, Kind kind, const std::vector<Tracer>& tracers, R
     }
     Figures f;
     for (size_t t = 0; t < n; ++t) {
-        f.rate.push_back(r.count / median(times[t]) / 1e6);
+        f.rate.push_back(r.count / kelb::median(times[t]) / 1e6);
         std::vector<double> ratio;
         for (int round = 0; round < kRounds; ++round)
             ratio.push_back(times[t][round] / times[kPackets][round]);
-        f.packets.push_back(median(ratio));
+        f.packets.push_back(kelb::median(ratio));
     }
     return f;
 }

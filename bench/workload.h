@@ -4,12 +4,19 @@
 #ifndef KEL_BENCH_WORKLOAD_H
 #define KEL_BENCH_WORKLOAD_H
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "mesh.h"
 
 namespace kelb {
+
+// The middle of a set of timings (the upper middle of an even count).
+inline double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
 
 struct Camera {
     float eye[3];
