@@ -283,15 +283,6 @@ template <typename T, int N>
 inline Mask<T, N> andNot(Mask<T, N> a, Mask<T, N> b) {
     return eachReg(b, a, Mask<T, N>::Ops::andNot);
 }
-template <typename T, int N>
-inline Mask<T, N> operator!(Mask<T, N> a) {
-    using Ops = typename Mask<T, N>::Ops;
-    const auto zero = Ops::splat(0);
-    Mask<T, N> c;
-    for (int i = 0; i < Mask<T, N>::kRegs; ++i)
-        c.reg[i] = Ops::andNot(a.reg[i], Ops::eq(zero, zero));
-    return c;
-}
 
 // ---- Vectors ---------------------------------------------------------------
 

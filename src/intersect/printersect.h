@@ -39,7 +39,6 @@ inline namespace KEL_ISA {
 
 using lanes::Floats;
 using lanes::Ints;
-using LaneMask4 = lanes::Mask<float, 4>;
 
 // ---- Packed kd-tree ------------------------------------------------------
 
@@ -221,9 +220,9 @@ KEL_LANES_INLINE lanes::Mask<float, N> intersectTriangle(const TriangleAccel& re
     Floats<N> wA = rec.e2v * hu - rec.e2u * hv;
     Floats<N> wB = rec.e1u * hv - rec.e1v * hu;
     Floats<N> wC = denom - wA - wB;
-    wA = lanes::keepWhere(!(lanes::magnitude(wA) < limits.zeroBelow), wA);
-    wB = lanes::keepWhere(!(lanes::magnitude(wB) < limits.zeroBelow), wB);
-    wC = lanes::keepWhere(!(lanes::magnitude(wC) < limits.zeroBelow), wC);
+    wA = lanes::clearWhere(lanes::magnitude(wA) < limits.zeroBelow, wA);
+    wB = lanes::clearWhere(lanes::magnitude(wB) < limits.zeroBelow, wB);
+    wC = lanes::clearWhere(lanes::magnitude(wC) < limits.zeroBelow, wC);
     const auto positive = (wA > 0.0f) | (wB > 0.0f) | (wC > 0.0f);
     const auto negative = (wA < 0.0f) | (wB < 0.0f) | (wC < 0.0f);
     // Some weight positive or some negative, but not both: no weight left

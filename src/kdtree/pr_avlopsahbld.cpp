@@ -62,17 +62,14 @@ void releaseBuildState(PsahBuildState* state) {
 // and the two stores, which fit it; the root's patch array, one patch per
 // triangle at most, is the only memory taken yet. Null when an allocation
 // fails; whatever was obtained is released then.
-PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, int vertexCount,
-                                 int triangleCount, uint32_t budgetBytes, const StoreSizes& sizes) {
+PsahBuildState* createBuildState(const float* pVertices, int vertexCount, int triangleCount,
+                                 uint32_t budgetBytes, const StoreSizes& sizes) {
     auto* state =
         reinterpret_cast<PsahBuildState*>(kelsMalloc_32s(int((sizeof(PsahBuildState) + 3) / 4)));
     if (!state) return nullptr;
     *state = PsahBuildState();
-    state->totalBudget = budgetBytes;
     state->vertexBegin = pVertices;
     state->vertexEnd = pVertices + 3 * size_t(vertexCount);
-    state->triangleBegin = pTriangles;
-    state->triangleEnd = pTriangles + 4 * size_t(triangleCount);
     state->ledger.budget = budgetBytes - uint32_t(sizes.total);
     PsahWorkspace& work = state->work;
     work.ledger = &state->ledger;
@@ -89,11 +86,6 @@ PsahBuildState* createBuildState(const float* pVertices, const int* pTriangles, 
         return nullptr;
     }
     return state;
-}
-
-bool isMeshVertex(const PsahBuildState* state, const float* p) {
-    return uintptr_t(p) >= uintptr_t(state->vertexBegin) &&
-           uintptr_t(p) < uintptr_t(state->vertexEnd);
 }
 
 // The vertex-pointer record of a polygon cut to the box. Corners inside the
@@ -359,8 +351,7 @@ KEL_API KelStatus ownKDTBldPSAH_ML(const float* pVertices, const int* pTriangles
     PsahBuildNode* root = nullptr;
     for (bool sequential = false; status == kRetryOnOneThread; sequential = true) {
         if (state) releaseBuildState(state);
-        state =
-            createBuildState(pVertices, pTriangles, vertexCount, triangleCount, budgetBytes, sizes);
+        state = createBuildState(pVertices, vertexCount, triangleCount, budgetBytes, sizes);
         if (!state) return KEL_STS_NO_MEM;
         state->sequential = sequential;
         status = growBuildTree(state, pVertices, pTriangles, vertexCount, triangleCount, psahWeight,

@@ -1063,11 +1063,6 @@ void releaseTaskWork(Task* t) {
     t->patches = nullptr;
 }
 
-bool isMeshVertex(const PsahBuildState* state, const float* p) {
-    return uintptr_t(p) >= uintptr_t(state->vertexBegin) &&
-           uintptr_t(p) < uintptr_t(state->vertexEnd);
-}
-
 // A task's patches must not point into the points of the task that made
 // them, which rewinds its points while the new task still runs: every point
 // that is not a mesh vertex gets a copy of the task's own.
@@ -1127,7 +1122,6 @@ KelStatus growSubtree(Task* t) {
 
     for (;;) {
         if (stopOf(shared) != kGoOn) return KEL_STS_OK;
-        work->patches.cursor = w.patchMark;
         rewindPoints(work, w.pointMark);
         PsahBuildNode* node = w.node;
         const int n = node->count;

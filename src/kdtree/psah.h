@@ -250,11 +250,8 @@ struct PsahThreadStores {
 constexpr KelStatus kRetryOnOneThread = KelStatus(1);
 
 struct PsahBuildState {
-    uint32_t totalBudget;  // bytes
     const float* vertexBegin;
     const float* vertexEnd;
-    const int32_t* triangleBegin;
-    const int32_t* triangleEnd;
     PsahLedger ledger;
     PsahPatch* rootPatches;  // room for one patch per triangle
     PsahRecordStore records;
@@ -268,6 +265,13 @@ struct PsahBuildState {
     int threadCount;
     bool sequential;  // build on one thread, charging the ledger at once
 };
+
+// Whether a corner points into the caller's vertex array rather than at a
+// point made by clipping.
+inline bool isMeshVertex(const PsahBuildState* state, const float* p) {
+    return uintptr_t(p) >= uintptr_t(state->vertexBegin) &&
+           uintptr_t(p) < uintptr_t(state->vertexEnd);
+}
 #if defined(__i386__)
 static_assert(kStateCharge == 204 && kChunkRecordCharge == 20, "51 and 5 words");
 static_assert(sizeof(PsahPatch) == 12 && sizeof(PsahBuildNode) == 12, "three words");
