@@ -73,8 +73,8 @@ std::unique_ptr<SceneAccel> buildWithClock(const Scene& scene, const Options& op
     std::future<std::unique_ptr<SceneAccel>> build = std::async(std::launch::async, [&] {
         return std::make_unique<SceneAccel>(scene.mesh, options.build);
     });
+    if (!ticking) build.wait();
     while (build.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
-        if (!ticking) continue;
         const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
         std::fprintf(stderr, "\r%s %.1f s", line.c_str(), elapsed.count());
         std::fflush(stderr);
