@@ -3,15 +3,15 @@
 #include <tiny_obj_loader.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
-#include <utility>
-
-#include "weld.h"
+#include <unordered_map>
 
 namespace render {
 
@@ -23,6 +23,24 @@ const size_t kMaxTriangles = 16u << 20;
 bool fail(std::string* error, const std::string& message) {
     *error = message;
     return false;
+}
+
+// A vertex's position and normal as bit patterns, so that equal means equal.
+using VertexKey = std::array<uint32_t, 6>;
+
+struct VertexKeyHash {
+    size_t operator()(const VertexKey& key) const {
+        size_t hash = 0;
+        for (uint32_t word : key) hash = hash * 1000003u ^ word;
+        return hash;
+    }
+};
+
+uint32_t bitsOf(float value) {
+    if (value == 0.0f) value = 0.0f;  // -0 and +0 are the same place
+    uint32_t bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    return bits;
 }
 
 // One whitespace-separated word of a line, from *at on; empty at the end.
@@ -106,9 +124,12 @@ bool convert(const tinyobj::ObjReader& reader, Mesh* mesh, std::string* error) {
                                std::to_string(kMaxTriangles) + " this renderer accepts");
 
     const bool ownNormals = everyCornerHasNormal(reader);
-    // One mesh vertex per distinct (position, normal) pair: a position that
+    // One mesh vertex per distinct position and normal, compared by value:
+    // faces written with separate copies of a corner, as OBJ files often do
+    // along the borders of patches, share one vertex, so normals computed
+    // from the faces run smoothly across those borders; a position that
     // carries different normals on either side of a crease is split.
-    std::map<std::pair<int, int>, int> vertexOf;
+    std::unordered_map<VertexKey, int, VertexKeyHash> vertexOf;
     Mesh result;
     for (const tinyobj::shape_t& shape : reader.GetShapes()) {
         const std::vector<tinyobj::index_t>& indices = shape.mesh.indices;
@@ -119,25 +140,22 @@ bool convert(const tinyobj::ObjReader& reader, Mesh* mesh, std::string* error) {
                 if (index.vertex_index < 0 || size_t(index.vertex_index) >= positions)
                     return fail(error, "face " + std::to_string(face / 3 + 1) +
                                            " names a vertex that does not exist");
-                const int normal = ownNormals ? index.normal_index : -1;
-                const auto key = std::make_pair(index.vertex_index, normal);
-                auto found = vertexOf.find(key);
-                if (found == vertexOf.end()) {
-                    const float* p = &attrib.vertices[3 * index.vertex_index];
-                    Vec3 n = {0.0f, 0.0f, 0.0f};
-                    if (normal >= 0) {
-                        const float* q = &attrib.normals[3 * normal];
-                        const float length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2]);
-                        if (length > 0.0f) n = {q[0] / length, q[1] / length, q[2] / length};
-                    }
-                    found = vertexOf.emplace(key, result.addVertex({p[0], p[1], p[2]}, n)).first;
+                const float* p = &attrib.vertices[3 * index.vertex_index];
+                Vec3 n = {0.0f, 0.0f, 0.0f};
+                if (ownNormals) {
+                    const float* q = &attrib.normals[3 * index.normal_index];
+                    const float length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2]);
+                    if (length > 0.0f) n = {q[0] / length, q[1] / length, q[2] / length};
                 }
-                corner[k] = found->second;
+                const VertexKey key = {bitsOf(p[0]), bitsOf(p[1]), bitsOf(p[2]),
+                                       bitsOf(n[0]), bitsOf(n[1]), bitsOf(n[2])};
+                const auto [at, added] = vertexOf.try_emplace(key, result.vertexCount());
+                if (added) result.addVertex({p[0], p[1], p[2]}, n);
+                corner[k] = at->second;
             }
             result.addTriangle(corner[0], corner[1], corner[2], 0);
         }
     }
-    weldVertices(&result);
     if (!ownNormals) computeVertexNormals(&result);
     *mesh = std::move(result);
     return true;
